@@ -1,0 +1,467 @@
+// Socket over the POSIX and Linux socket calls: the one wait with poll(), the one transfer routine under
+// every receive and send, and what is built on them.
+#include "net/Socket.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <ctime>
+#include <utility>
+
+namespace {
+
+constexpr std::uint32_t kConnectTimeout = 3000;      // milliseconds
+constexpr std::uint32_t kReadWriteTimeout = 300000;  // milliseconds
+constexpr std::uint32_t kTextBlock = 512;            // bytes
+constexpr std::uint32_t kTextLimit = 65534;          // bytes
+constexpr std::uint32_t kCountLimit = INT_MAX - kTextBlock;
+constexpr int kHeaderOnly = 2;
+
+// The end of an HTTP header: the next state after CR, LF and any other byte.
+constexpr std::uint8_t quitter_table[][3] = {{1, 2, 0}, {4, 2, 0}, {3, 4, 0}, {4, 4, 0}};
+constexpr std::uint8_t kHeaderEnds = 4;
+
+socklen_t addressSize(int family) {
+    return family == AF_UNIX ? sizeof(sockaddr_un) : sizeof(sockaddr_in);
+}
+
+bool isEmpty(const char* text) {
+    return text == nullptr || *text == '\0';
+}
+
+bool setOption(int descriptor, int level, int option, int value) {
+    return setsockopt(descriptor, level, option, &value, sizeof value) == 0;
+}
+
+// The tail of a long message must not wait until the peer acknowledges the rest. Sockets that are not TCP
+// have no such option and need none.
+void sendWithoutDelay(int descriptor) {
+    setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
+}
+
+// Room in the text for so many bytes and the terminator after the first count ones.
+bool makeRoom(CText& text, std::uint32_t count, std::uint32_t more) {
+    const std::uint32_t needed = count + more + 1;
+    return needed <= text.GetBufferSize() || text.SetBufferSize(std::max(2 * count, needed));
+}
+
+// Runs step(bytes done) until size bytes are done or the other side ends.
+template <typename Step>
+int repeatUntil(int size, Step step) {
+    int done = 0;
+    while (done < size) {
+        const int count = step(done);
+        if (count < 0) return -1;
+        if (count == 0) break;
+        done += count;
+    }
+    return done;
+}
+
+}  // namespace
+
+// A point of the monotonic clock.
+class Socket::Deadline {
+  public:
+    explicit Deadline(std::uint32_t milliseconds) : end_(now() + milliseconds * kMillisecond) {}
+
+    bool hasPassed() const { return now() >= end_; }
+
+    // Milliseconds for poll(), rounded up so that no wait ends early; a longer wait takes several.
+    int pollTime() const {
+        const std::int64_t left = (end_ - now() + kMillisecond - 1) / kMillisecond;
+        return static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX));
+    }
+
+  private:
+    static constexpr std::int64_t kMillisecond = 1000000;  // nanoseconds
+
+    static std::int64_t now() {
+        timespec time{};
+        clock_gettime(CLOCK_MONOTONIC, &time);
+        return time.tv_sec * (1000 * kMillisecond) + time.tv_nsec;
+    }
+
+    std::int64_t end_;
+};
+
+// ---- life ----
+
+Socket::Socket() {
+    InitSocketData();
+    address_.reset(AllocSocketAddress(AF_INET, 0));
+}
+
+Socket::Socket(const Socket& other) {
+    InitSocketData();
+    descriptor_ = other.descriptor_;
+    address_.reset(other.copyOfAddress());
+}
+
+Socket::Socket(int descriptor, const sockaddr* address, std::uint32_t length) {
+    InitSocketData();
+    CreateSocket(descriptor, address, length);
+}
+
+Socket& Socket::operator=(const Socket& other) {
+    if (this == &other) return *this;
+    if (descriptor_ != other.descriptor_) {
+        closeDescriptor();
+        descriptor_ = other.descriptor_;
+    }
+    address_.reset(other.copyOfAddress());
+    return *this;
+}
+
+Socket::~Socket() {
+    DestroySocket();
+}
+
+void Socket::InitSocketData() {
+    descriptor_ = -1;
+    ownsDescriptor_ = false;
+    address_.reset();
+    lastError_ = 0;
+    readWriteTimeout_ = kReadWriteTimeout;
+}
+
+void Socket::ResetSocket() {
+    InitSocketData();
+}
+
+bool Socket::DestroySocket() {
+    const bool closed = closeDescriptor();
+    ResetSocket();
+    return closed;
+}
+
+// Ends what the object owns; a view only lets go.
+bool Socket::closeDescriptor() {
+    bool closed = true;
+    if (ownsDescriptor_) {
+        closed = shutdown(descriptor_, SHUT_RDWR) == 0;
+        closed = close(descriptor_) == 0 && closed;
+    }
+    descriptor_ = -1;
+    ownsDescriptor_ = false;
+    return closed;
+}
+
+std::uint32_t Socket::SetReadWriteTimeout(std::uint32_t milliseconds) {
+    return std::exchange(readWriteTimeout_, milliseconds != 0 ? milliseconds : kReadWriteTimeout);
+}
+
+int Socket::setNonBlocking(bool on) {
+    const int flags = fcntl(descriptor_, F_GETFL);
+    const int result =
+        flags < 0 ? flags : fcntl(descriptor_, F_SETFL, on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK);
+    if (result < 0) lastError_ = errno;
+    return result;
+}
+
+// ---- addresses ----
+
+// No block is smaller than an address of its family, so each can be read as one whatever the caller's size.
+sockaddr* Socket::AllocSocketAddress(std::uint16_t family, std::uint32_t size) const {
+    auto* block = static_cast<sockaddr*>(std::calloc(1, std::max<std::size_t>(size, addressSize(family))));
+    if (block != nullptr) block->sa_family = family;
+    return block;
+}
+
+sockaddr* Socket::AllocSocketAddress(const sockaddr* source, std::uint32_t size) const {
+    if (source == nullptr) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    if (size == 0) size = sizeof(sockaddr_in);
+    sockaddr* block = AllocSocketAddress(source->sa_family, size);
+    if (block != nullptr) std::memcpy(block, source, size);
+    return block;
+}
+
+void Socket::FreeSocketAddress(sockaddr* block) const {
+    std::free(block);
+}
+
+sockaddr* Socket::copyOfAddress() const {
+    return address_ == nullptr ? nullptr
+                               : AllocSocketAddress(address_.get(), addressSize(address_->sa_family));
+}
+
+// ---- creation ----
+
+bool Socket::CreateSocket(int family, const char* localAddress, const char* localPort) {
+    if (hasDescriptorAndAddress()) {
+        lastError_ = EALREADY;
+        return false;
+    }
+    const bool anyAddress = isEmpty(localAddress);
+    const bool anyPort = isEmpty(localPort);
+    const in_addr_t host = anyAddress ? INADDR_ANY : inet_addr(localAddress);
+    const long port = anyPort ? 0 : std::strtol(localPort, nullptr, 10);
+    if (!openDescriptor(family, host, static_cast<std::uint16_t>(port))) return failCreation();
+
+    // A client's port is better chosen by connect(), which may share it between servers and passes over those
+    // of finished connections: a busy gateway does not run out of ports, nor search long for a free one. An
+    // older kernel lacks the option and chooses in bind().
+    if (anyAddress && anyPort) setOption(descriptor_, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, 1);
+    const linger noLinger{};
+    if (!setOption(descriptor_, SOL_SOCKET, SO_REUSEADDR, 1) || !bindDescriptor() ||
+        setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &noLinger, sizeof noLinger) != 0) {
+        return failCreation();
+    }
+    sendWithoutDelay(descriptor_);
+    return true;
+}
+
+bool Socket::CreateSocket(int descriptor, const sockaddr* address, std::uint32_t length) {
+    if (hasDescriptorAndAddress()) {
+        lastError_ = EALREADY;
+        return false;
+    }
+    closeDescriptor();
+    descriptor_ = descriptor;
+    address_.reset(AllocSocketAddress(address, length));
+    if (address_ == nullptr) return failCreation();
+    setNonBlocking(true);
+    if (fcntl(descriptor_, F_SETFD, FD_CLOEXEC) != 0) return failCreation();
+    sendWithoutDelay(descriptor_);
+    ownsDescriptor_ = true;
+    return true;
+}
+
+bool Socket::IsPortAvailable(int port) {
+    if (openDescriptor(AF_INET, INADDR_ANY, static_cast<std::uint16_t>(port)) && bindDescriptor())
+        return true;
+    lastError_ = errno;
+    return false;
+}
+
+// A new descriptor of the object's own, and the address to bind it to. The address has the IPv4 layout in
+// every family: it is the only one that host and port are meant for.
+bool Socket::openDescriptor(int family, in_addr_t localAddress, std::uint16_t localPort) {
+    closeDescriptor();
+    address_.reset(AllocSocketAddress(static_cast<std::uint16_t>(family), 0));
+    if (address_ == nullptr) return false;
+    auto* inet = reinterpret_cast<sockaddr_in*>(address_.get());
+    inet->sin_port = htons(localPort);
+    inet->sin_addr.s_addr = localAddress;
+
+    descriptor_ = socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    ownsDescriptor_ = descriptor_ >= 0;
+    return ownsDescriptor_;
+}
+
+// A local (AF_UNIX) socket has neither host nor port: given the family alone, Linux chooses a unique name.
+bool Socket::bindDescriptor() {
+    const socklen_t length = address_->sa_family == AF_UNIX ? sizeof(sa_family_t) : sizeof(sockaddr_in);
+    return bind(descriptor_, address_.get(), length) == 0;
+}
+
+// Leaves the object unconnected and errno as the reason; a descriptor that is not its own stays open.
+bool Socket::failCreation() {
+    const int cause = errno;
+    closeDescriptor();
+    ResetSocket();
+    lastError_ = cause;
+    return false;
+}
+
+// ---- connection ----
+
+bool Socket::Connect(const sockaddr* peer, std::uint32_t length, std::uint32_t milliseconds) {
+    if (connect(descriptor_, peer, length) != 0) {
+        lastError_ = errno;
+        // Interrupted means in progress too: the system goes on connecting.
+        if (lastError_ != EINPROGRESS && lastError_ != EAGAIN && lastError_ != EINTR) return false;
+    }
+    return Select(milliseconds != 0 ? milliseconds : kConnectTimeout, false, true, false);
+}
+
+bool Socket::Connect(const char* address, std::uint16_t port, std::uint32_t milliseconds) {
+    sockaddr_in peer{};
+    peer.sin_family = AF_INET;
+    peer.sin_port = htons(port);
+    peer.sin_addr.s_addr = address != nullptr ? inet_addr(address) : INADDR_NONE;
+    if (peer.sin_addr.s_addr == INADDR_NONE || port == 0) {
+        lastError_ = EINVAL;
+        return false;
+    }
+    return Connect(reinterpret_cast<const sockaddr*>(&peer), sizeof peer, milliseconds);
+}
+
+bool Socket::IsActive() const {
+    sockaddr_storage peer;
+    socklen_t length = sizeof peer;
+    return getpeername(descriptor_, reinterpret_cast<sockaddr*>(&peer), &length) == 0;
+}
+
+// ---- waiting ----
+
+bool Socket::Select(std::uint32_t milliseconds, bool read, bool write, bool except) {
+    if (!hasDescriptorAndAddress()) {
+        lastError_ = ENOTSOCK;
+        return false;
+    }
+    const int events = (read ? POLLIN : 0) | (write ? POLLOUT : 0) | (except ? POLLPRI : 0);
+    return waitUntil(Deadline(milliseconds), static_cast<short>(events));
+}
+
+// The one place that waits: true when an event has come, else the reason is in lastError_. As with select(),
+// a broken connection counts as readable and writable but not as exceptional, and no events means to sleep.
+bool Socket::waitUntil(const Deadline& deadline, short events) {
+    const int sought = (events & (POLLIN | POLLOUT)) != 0 ? events | POLLERR | POLLHUP : events;
+    pollfd entry{events != 0 ? descriptor_ : -1, events, 0};
+    lastError_ = 0;
+    while (lastError_ == 0) {
+        const int ready = poll(&entry, 1, deadline.pollTime());
+        if (ready < 0) {
+            if (errno != EINTR) lastError_ = errno;
+        } else if (ready == 0) {
+            if (deadline.hasPassed()) lastError_ = ETIMEDOUT;
+        } else if ((entry.revents & POLLNVAL) != 0) {
+            lastError_ = EBADF;
+        } else if ((entry.revents & sought) != 0) {
+            return true;
+        } else {
+            entry.fd = -1;  // broken: nothing exceptional will come, so sleep out the time
+        }
+    }
+    return false;
+}
+
+// ---- sending and receiving ----
+
+// One receive or send, tried first: waiting only when it would block saves a system call in most cases and
+// looks the same. What would look different is waited for first: a send of nothing never blocks, and a
+// listening socket is "not connected" at once.
+template <typename Attempt>
+int Socket::transfer(std::uint32_t size, short events, Attempt attempt) {
+    if (!hasDescriptorAndAddress()) {
+        lastError_ = ENOTSOCK;
+        return -1;
+    }
+    const Deadline deadline(readWriteTimeout_);
+    for (bool waits = size == 0;; waits = true) {
+        if (waits && !waitUntil(deadline, events)) return -1;
+        const ssize_t count = attempt();
+        if (count >= 0) {
+            lastError_ = 0;
+            return static_cast<int>(count);
+        }
+        lastError_ = errno;
+        const bool tooEarly = lastError_ == EAGAIN || lastError_ == EWOULDBLOCK || lastError_ == EINTR ||
+                              (lastError_ == ENOTCONN && !waits);
+        if (!tooEarly) return -1;
+        if (waits && deadline.hasPassed()) {
+            lastError_ = ETIMEDOUT;
+            return -1;
+        }
+    }
+}
+
+// MSG_DONTWAIT: an adopted socket may have been set to blocking again; the time-out holds all the same.
+int Socket::Receive(char* buffer, std::uint32_t size, std::uint32_t flags) {
+    const int mode = static_cast<int>(flags) | MSG_DONTWAIT;
+    return transfer(size, POLLIN, [=] { return recv(descriptor_, buffer, size, mode); });
+}
+
+int Socket::Send(const char* buffer, std::uint32_t size, std::uint32_t flags) {
+    const int mode = static_cast<int>(flags) | MSG_DONTWAIT | MSG_NOSIGNAL;
+    return transfer(size, POLLOUT, [=] { return send(descriptor_, buffer, size, mode); });
+}
+
+int Socket::ReceiveNum(char* buffer, int size) {
+    return repeatUntil(
+        size, [=](int done) { return Receive(buffer + done, static_cast<std::uint32_t>(size - done), 0); });
+}
+
+int Socket::SendNum(const char* buffer, int size) {
+    return repeatUntil(
+        size, [=](int done) { return Send(buffer + done, static_cast<std::uint32_t>(size - done), 0); });
+}
+
+// Receives blocks into the text while wantsMore(last byte, count of bytes) says so.
+template <typename WantsMore>
+int Socket::receiveText(CText& text, std::uint32_t blockSize, WantsMore wantsMore) {
+    text.SetBufferSize(kTextBlock);
+    std::uint32_t count = 0;
+    int received = 0;
+    do {
+        if (!makeRoom(text, count, blockSize)) {
+            lastError_ = ENOMEM;
+            received = -1;
+            break;
+        }
+        received = Receive(reinterpret_cast<char*>(text.GetBuffer()) + count, blockSize, 0);
+        if (received > 0) count += static_cast<std::uint32_t>(received);
+    } while (received > 0 && wantsMore(static_cast<char>(text.GetBuffer()[count - 1]), count));
+    text.SetUsableDataSize(count);
+    return received < 0 ? -1 : static_cast<int>(count);
+}
+
+int Socket::Receive(CText& text, char delimiter) {
+    return receiveText(
+        text, 1, [=](char last, std::uint32_t count) { return last != delimiter && count < kTextLimit; });
+}
+
+int Socket::ReceiveHTTP(CText& text, int mode, std::uint32_t maxLength) {
+    const std::uint32_t limit = maxLength < kTextBlock ? kTextLimit : std::min(maxLength, kCountLimit);
+    if (mode != kHeaderOnly) {
+        return receiveText(text, kTextBlock, [=](char, std::uint32_t count) { return count < limit; });
+    }
+    std::uint8_t state = 0;
+    return receiveText(text, 1, [&state, limit](char last, std::uint32_t count) {
+        state = quitter_table[state][last == '\r' ? 0 : last == '\n' ? 1 : 2];
+        return state != kHeaderEnds && count < limit;
+    });
+}
+
+// ---- inspection ----
+
+char* Socket::getAddressAsIP() const {
+    if (!hasDescriptorAndAddress()) return nullptr;
+    return inet_ntoa(reinterpret_cast<const sockaddr_in*>(address_.get())->sin_addr);
+}
+
+bool Socket::IsSameConnection(int family, Socket* first, Socket* second) {
+    if (family != AF_UNIX && family != AF_INET) return false;
+    if (first == nullptr || second == nullptr) return false;
+    sockaddr_storage peer;
+    sockaddr_storage own;
+    const socklen_t size = addressSize(family);
+    socklen_t peerLength = size;
+    socklen_t ownLength = size;
+    return getpeername(first->descriptor_, reinterpret_cast<sockaddr*>(&peer), &peerLength) == 0 &&
+           getsockname(second->descriptor_, reinterpret_cast<sockaddr*>(&own), &ownLength) == 0 &&
+           peerLength == ownLength && std::memcmp(&peer, &own, std::min(peerLength, size)) == 0;
+}
+
+const char* Socket::castToIP(const char* host, CText& out, bool all) {
+    out.Clear();
+    if (isEmpty(host)) return nullptr;
+    if (inet_addr(host) != INADDR_NONE) {
+        out = host;
+        return out.GetText();
+    }
+    const hostent* entry = gethostbyname(host);
+    if (entry == nullptr || entry->h_addrtype != AF_INET || entry->h_length != sizeof(in_addr))
+        return nullptr;
+    for (char** item = entry->h_addr_list; *item != nullptr; ++item) {
+        in_addr address{};
+        std::memcpy(&address, *item, sizeof address);
+        if (!out.IsEmpty()) out += ":";
+        out += inet_ntoa(address);
+        if (!all) break;
+    }
+    return out.GetText();
+}
