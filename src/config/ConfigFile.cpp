@@ -1,0 +1,315 @@
+// ConfigFile: the image of a configuration file; look-ups, changes, merging, and how it meets the disk.
+#include "config/ConfigFile.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "config/LockedFile.h"
+#include "eventlog/eventlog.h"
+
+namespace {
+
+// Reports a fault and keeps errno. Returns whether there was none.
+bool succeeded(FileFault fault, const CText& path) {
+    if (fault == FileFault::kNone) return true;
+    const int cause = errno;
+    ReportSystemEvent(SYS_EVENT_ERROR, SYS_EVENT_CONFIG, "[%s] %s %s", std::strerror(cause),
+                      fileFaultText(fault), path.GetTextEx());
+    errno = cause;
+    return false;
+}
+
+// A stream into memory.
+class MemoryStream {
+  public:
+    MemoryStream() : stream_(::open_memstream(&bytes_, &size_)) {}
+    MemoryStream(const MemoryStream&) = delete;
+    MemoryStream& operator=(const MemoryStream&) = delete;
+    ~MemoryStream() {
+        if (stream_ != nullptr) std::fclose(stream_);
+        std::free(bytes_);
+    }
+
+    std::FILE* stream() const { return stream_; }  // null when there is no memory for it
+
+    // What was written, after a successful finish().
+    const char* bytes() const { return bytes_; }
+    std::uint32_t size() const { return static_cast<std::uint32_t>(size_); }
+    bool finish() const { return std::fflush(stream_) == 0 && std::ferror(stream_) == 0; }
+
+  private:
+    char* bytes_ = nullptr;
+    std::size_t size_ = 0;
+    std::FILE* stream_;
+};
+
+}  // namespace
+
+ConfigFile::ConfigFile(const char* path, const char* directoryName) {
+    if (path == nullptr) return;
+    path_ = path;
+    directoryName_ = directoryName;
+}
+
+ConfigFile::~ConfigFile() {
+    removeAllStanzas();
+    lock_.DestroyMutex();
+}
+
+// ---- reading ----
+
+bool ConfigFile::parseConfigFile() {
+    MutexLock lock(lock_);
+    LockedFile file(path_);
+    if (succeeded(file.open(LockedFile::kRead), path_)) return pLoad(file);
+    parseError_ = {"the file cannot be opened and locked", 0, 0, errno};
+    return false;
+}
+
+bool ConfigFile::pLoad(const LockedFile& file) {
+    const auto isInvalid = [this](long long size) {
+        if (size > 0 && size <= kMaxFileSize) return false;
+        ReportSystemEvent(SYS_EVENT_ERROR, SYS_EVENT_CONFIG, "Invalid size (%lld) of the file %s", size,
+                          path_.GetTextEx());
+        parseError_ = {"the file is empty or too large", 0, 0, 0};
+        return true;
+    };
+    if (isInvalid(file.status().st_size)) return false;
+
+    CData content;
+    if (!succeeded(file.read(content, kMaxFileSize + 1), path_)) {
+        parseError_ = {"the file cannot be read", 0, 0, errno};
+        return false;
+    }
+    // Programs that do not heed the lock may have changed the size meanwhile.
+    if (isInvalid(content.GetDataSize())) return false;
+
+    removeAllStanzas();
+    ConfigParser parser(reinterpret_cast<const char*>(content.GetBuffer()), content.GetDataSize());
+    while (std::unique_ptr<Stanza> stanza = parser.nextStanza())
+        pAddStanza(stanza.release(), false);
+    parseError_ = parser.error();
+    if (parseError_.line != 0) return false;
+    // As it was before the content was read, so that a change in between counts as a later one.
+    parseTimestamp_ = file.status().st_mtime;
+    return true;
+}
+
+ParseError ConfigFile::lastParseError() const {
+    MutexLock lock(lock_);
+    return parseError_;
+}
+
+std::time_t ConfigFile::getModificationDate() const {
+    MutexLock lock(lock_);
+    LockedFile file(path_);
+    const FileFault fault = file.open(LockedFile::kRead);
+    if (fault == FileFault::kOpen) succeeded(fault, path_);
+    return fault == FileFault::kNone ? file.status().st_mtime : 0;
+}
+
+std::time_t ConfigFile::GetParseTimestamp() {
+    MutexLock lock(lock_);
+    return parseTimestamp_;
+}
+
+// ---- look-ups ----
+
+Stanza* ConfigFile::pGetStanza(const CText& name) {
+    for (ListIterators<Stanza*> i(stanzas_); !i.isDone(); i.next()) {
+        if (i.currentItem()->isStanzaName(name)) return i.currentItem();
+    }
+    return nullptr;
+}
+
+Stanza* ConfigFile::getStanza(const CText& name) {
+    MutexLock lock(lock_);
+    return pGetStanza(name);
+}
+
+bool ConfigFile::findStanza(const CText& name) {
+    MutexLock lock(lock_);
+    return pGetStanza(name) != nullptr;
+}
+
+bool ConfigFile::getValue(const CText& stanza, const CText& key, CText& out) {
+    MutexLock lock(lock_);
+    out.Clear();
+    Stanza* found = pGetStanza(stanza);
+    return found != nullptr && found->getValue(key.GetTextEx(), out);
+}
+
+// ---- the walk over the directory ----
+
+std::uint32_t ConfigFile::getNumberOfStanzas() {
+    MutexLock lock(lock_);
+    Stanza* directory = pGetDirectory();
+    return directory != nullptr ? directory->getNumberOfAttributes() : 0;
+}
+
+bool ConfigFile::getStanzaInformationIndex(std::uint32_t i, CText& out) {
+    MutexLock lock(lock_);
+    return i < getNumberOfStanzas() && pGetDirectory()->getAttributeKey(i, out);
+}
+
+Stanza* ConfigFile::pGetStanzaAtIndex(std::uint32_t i) {
+    CText name;
+    return getStanzaInformationIndex(i, name) ? pGetStanza(name) : nullptr;
+}
+
+Stanza* ConfigFile::getStanzaAtIndex(std::uint32_t i) {
+    MutexLock lock(lock_);
+    return pGetStanzaAtIndex(i);
+}
+
+bool ConfigFile::getFirstStanza(CText& out) {
+    MutexLock lock(lock_);
+    out.Clear();
+    cursor_ = 0;
+    return getStanzaInformationIndex(cursor_, out);
+}
+
+bool ConfigFile::getNextStanza(CText& out) {
+    MutexLock lock(lock_);
+    out.Clear();
+    if (++cursor_ >= getNumberOfStanzas()) {
+        cursor_ = 0;
+        return false;
+    }
+    return getStanzaInformationIndex(cursor_, out);
+}
+
+// ---- changes in memory ----
+
+bool ConfigFile::changeValue(const CText& stanza, const CText& key, const CText& value) {
+    MutexLock lock(lock_);
+    Stanza* found = pGetStanza(stanza);
+    return found != nullptr && found->changeValue(key.GetTextEx(), value.GetTextEx());
+}
+
+bool ConfigFile::pAddStanza(Stanza* stanza, bool addToDirectory) {
+    stanzas_.append(stanza);
+    if (!addToDirectory) return true;
+    Stanza* directory = pGetDirectory();
+    const char* name = stanza->getStanzaName().GetTextEx();
+    if (directory != nullptr && !directory->findValue(name)) directory->addValue(name, nullptr);
+    return true;
+}
+
+bool ConfigFile::addStanza(Stanza* stanza, bool addToDirectory) {
+    MutexLock lock(lock_);
+    return pAddStanza(stanza, addToDirectory);
+}
+
+bool ConfigFile::pRemoveStanza(const CText& name) {
+    Stanza* stanza = pGetStanza(name);
+    if (stanza == nullptr) return false;
+    const CText key(name);  // name may be the stanza's own
+    stanzas_.remove(stanza);
+    delete stanza;
+    Stanza* directory = pGetDirectory();
+    return directory != nullptr && directory->removeKey(key.GetTextEx());
+}
+
+bool ConfigFile::removeStanza(const CText& name) {
+    MutexLock lock(lock_);
+    return pRemoveStanza(name);
+}
+
+bool ConfigFile::removeAllStanzas() {
+    MutexLock lock(lock_);
+    for (ListIterators<Stanza*> i(stanzas_); !i.isDone(); i.next())
+        delete i.currentItem();
+    stanzas_.clear();
+    return true;
+}
+
+bool ConfigFile::createDirectoryStanza() {
+    MutexLock lock(lock_);
+    if (pGetDirectory() != nullptr) return true;
+    return pAddStanza(new Stanza(directoryName_.GetTextEx()), false);
+}
+
+// ---- merging and writing ----
+
+bool ConfigFile::mergeConfigFiles(ConfigFile& other) {
+    MutexLock lock(lock_);
+    Stanza* directory = pGetDirectory();
+    Stanza* otherDirectory = other.pGetStanza(directoryName_);
+    if (directory == nullptr || otherDirectory == nullptr) return false;
+    directory->mergeStanza(*otherDirectory);
+    const std::uint32_t count = other.getNumberOfStanzas();
+    for (std::uint32_t i = 0; i < count; ++i) {
+        Stanza* taken = other.pGetStanzaAtIndex(i);
+        if (taken == nullptr) continue;
+        Stanza* present = pGetStanza(taken->getStanzaName());
+        if (present != nullptr) {
+            present->mergeStanza(*taken);
+        } else {
+            pAddStanza(new Stanza(*taken), false);
+        }
+    }
+    return true;
+}
+
+bool ConfigFile::pStore(LockedFile& file) {
+    MemoryStream content;
+    bool written = content.stream() != nullptr;
+    for (ListIterators<Stanza*> i(stanzas_); written && !i.isDone(); i.next())
+        written = i.currentItem()->saveStanza(content.stream());
+    if (!written || !content.finish()) return succeeded(FileFault::kWrite, path_);
+    return succeeded(file.replace(content.bytes(), content.size()), path_);
+}
+
+bool ConfigFile::writeFile(bool merge) {
+    MutexLock lock(lock_);
+    LockedFile file(path_);
+    if (!succeeded(file.open(merge ? LockedFile::kChange : LockedFile::kCreate), path_)) return false;
+    if (!merge) return pStore(file);
+    ConfigFile image(path_.GetText(), directoryName_.GetText());
+    return image.pLoad(file) && image.mergeConfigFiles(*this) && image.pStore(file);
+}
+
+bool ConfigFile::removeStanzaWithWrite(const char* name) {
+    MutexLock lock(lock_);
+    const CText removed(name);
+    LockedFile file(path_);
+    if (!succeeded(file.open(LockedFile::kChange), path_)) return false;
+    ConfigFile image(path_.GetText(), directoryName_.GetText());
+    if (!image.pLoad(file) || !image.mergeConfigFiles(*this)) return false;
+    image.pRemoveStanza(removed);
+    const bool written = image.pStore(file);
+    pRemoveStanza(removed);
+    return written;
+}
+
+bool ConfigFile::changeStanzaWithWrite(const char* name) {
+    MutexLock lock(lock_);
+    LockedFile file(path_);
+    if (!succeeded(file.open(LockedFile::kChange), path_)) return false;
+    ConfigFile image(path_.GetText(), directoryName_.GetText());
+    if (!image.pLoad(file)) return false;
+
+    Stanza* onDisk = image.pGetStanza(name);
+    Stanza* inMemory = pGetStanza(name);
+    if (onDisk != nullptr && inMemory != nullptr) {
+        onDisk->copyAttributeList(*inMemory);
+    } else if (inMemory != nullptr) {
+        Stanza* directory = pGetDirectory();
+        Stanza* directoryOnDisk = image.pGetDirectory();
+        if (directory == nullptr || directoryOnDisk == nullptr) return false;
+        directoryOnDisk->mergeStanza(*directory);
+        image.pAddStanza(new Stanza(*inMemory), false);
+    }
+    return image.pStore(file);
+}
+
+bool ConfigFile::dump() {
+    MutexLock lock(lock_);
+    for (ListIterators<Stanza*> i(stanzas_); !i.isDone(); i.next())
+        i.currentItem()->saveStanza(stderr);
+    return true;
+}

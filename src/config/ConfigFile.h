@@ -1,0 +1,104 @@
+// ConfigFile: the in-memory image of one configuration file: reading, looking up, merging, writing it back.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+
+#include "Server/Common_Classes/UText.h"
+#include "Server/General/ZorbiLists.h"
+#include "config/ConfigParser.h"
+#include "config/Stanza.h"
+#include "platform/mutexobj.h"
+
+class LockedFile;
+
+// Holds the stanzas of a file in file order and owns them. One of them, the directory stanza, lists stanzas
+// by name: its keys; counting and walking run over it. Names compare without regard to case, look-ups find
+// the first.
+//
+// Locks: every operation holds the file object's recursive lock for its whole run and takes a stanza's lock
+// only inside it. Forms whose name begins with p are for callers that hold the lock. Between processes,
+// readers hold a shared and writers an exclusive fcntl() lock on the whole file; both wait for it.
+//
+// Errors: operations return false or null; input and output failures are also reported to the event log (type
+// ERROR, category CONFIG).
+class ConfigFile {
+  public:
+    ConfigFile(const char* path, const char* directoryName);  // null path: both names stay empty
+    ConfigFile(const ConfigFile&) = delete;
+    ConfigFile& operator=(const ConfigFile&) = delete;
+    virtual ~ConfigFile();
+
+    // Replaces the stanzas by those of the file (1 to 131072 bytes). A failure before the content is read
+    // leaves the stanzas as they were; a syntax error leaves those completed before it. Pointers to stanzas
+    // taken before are invalid.
+    bool parseConfigFile();
+    ParseError lastParseError() const;        // why the last parseConfigFile() failed
+    std::time_t getModificationDate() const;  // of the file on disk, seconds; 0 on failure
+    std::time_t GetParseTimestamp();          // the modification date at the last successful parse; 0 before
+
+    // ---- look-ups; stanzas stay owned by the file ----
+    Stanza* getStanza(const CText& name);
+    bool findStanza(const CText& name);
+    bool getValue(const CText& stanza, const CText& key, CText& out);
+
+    // ---- the walk over the directory ----
+    std::uint32_t getNumberOfStanzas();
+    bool getStanzaInformationIndex(std::uint32_t i, CText& out);  // the i-th name; else out is untouched
+    Stanza* getStanzaAtIndex(std::uint32_t i);
+    bool getFirstStanza(CText& out);
+    bool getNextStanza(CText& out);
+
+    // ---- changes in memory ----
+    bool changeValue(const CText& stanza, const CText& key, const CText& value);
+    bool addStanza(Stanza* stanza, bool addToDirectory);  // takes ownership; always true
+    bool removeStanza(const CText& name);                 // returns whether the directory held it too
+    bool removeAllStanzas();                              // always true
+    bool createDirectoryStanza();                         // when missing; always true
+
+    // ---- merging and writing ----
+    // Takes over the stanzas that other lists in its directory: present ones are merged, new ones copied. The
+    // caller holds other's lock. False, with nothing changed, when either directory stanza is missing.
+    bool mergeConfigFiles(ConfigFile& other);
+
+    // The next three hold one exclusive lock on the file from before it is read until it is written, and the
+    // file keeps its old content, whole, unless the new content could be written whole (see LockedFile).
+    // A file that is missing, cannot be opened for writing or does not parse fails them, with nothing
+    // changed.
+
+    // Writes this image, merged into what the file holds when merge is set; else the file may be missing, and
+    // its content does not matter.
+    bool writeFile(bool merge);
+    // Writes as writeFile(true), but without that stanza. It then leaves this object too, written or not.
+    bool removeStanzaWithWrite(const char* name);
+    // Writes this object's stanza into the file; the other stanzas stay as they are on disk.
+    bool changeStanzaWithWrite(const char* name);
+
+    bool dump();  // every stanza to standard error; always true
+
+    // ---- where the file lies ----
+    // The configuration directory, ending in "/": from VELARTO_PATH, else the velarto user's shell profile,
+    // else the default. False when it does not fit into size bytes.
+    static bool getPlatformConfigPath(char* buffer, int size);
+    static bool buildConfigPath(const char* fileName, CText& path);
+
+  private:
+    static constexpr std::uint32_t kMaxFileSize = 131072;
+
+    Stanza* pGetStanza(const CText& name);
+    Stanza* pGetDirectory() { return pGetStanza(directoryName_); }
+    Stanza* pGetStanzaAtIndex(std::uint32_t i);
+    bool pAddStanza(Stanza* stanza, bool addToDirectory);
+    bool pRemoveStanza(const CText& name);
+
+    bool pLoad(const LockedFile& file);
+    bool pStore(LockedFile& file);
+
+    std::uint32_t cursor_ = 0;
+    CText path_;
+    CText directoryName_;
+    std::time_t parseTimestamp_ = 0;
+    Lists<Stanza*> stanzas_;
+    ParseError parseError_;
+    mutable Mutex lock_{Mutex::kPrivate};
+};
