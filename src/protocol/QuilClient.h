@@ -1,0 +1,118 @@
+// QuilClient: the protocol client of one connection. It chooses an application server, sends the request and
+// serves the server's messages; how bytes travel is left to a derived class.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "Server/Common_Classes/UData.h"
+#include "Server/Common_Classes/UText.h"
+#include "Server/General/ValidityTag.h"
+#include "config/Attribute.h"
+#include "config/Stanza.h"
+#include "protocol/QuilRequest.h"
+#include "protocol/QuilTypes.h"
+#include "wire/DripClient.h"
+
+// Splits a server entry, "host,port" or "sid,host,port", into three fields of 32 bytes each, NUL-terminated.
+// Anything else, a field of more than 31 characters included, leaves all three empty.
+void parse_zorbi_server_param(const char* entry, char* sid, char* host, char* port);
+
+// One request a client: connect, send, dispatch, in this order. Operations report failure by a false result;
+// afterwards the connection is of no use. Threads: one at a time. ConnectToQuilServer reads the client's
+// configuration section: whoever may replace it holds it still meanwhile.
+class QuilClient : public DripClient {
+  public:
+    // Called for every message of the server. data is NUL-terminated after length characters and valid during
+    // the call. False stops the dispatch loop with failure.
+    using DispatchCallback = bool (*)(QuilClient& client, TQUILReqType type, const char* data,
+                                      std::uint32_t length, void* user);
+
+    QuilClient();
+    QuilClient(const QuilClient&);  // a fresh client; nothing is taken from the source
+    QuilClient& operator=(const QuilClient&) = delete;
+    ~QuilClient() override;
+
+    // Serves one file request: reads the path into path, answers with the file's bytes, or with a false
+    // result code when there is no such regular file, or it is empty or unreadable.
+    virtual bool processFileRequest(CText& path, bool parseFilePaths);
+
+    // Connects to one server; on success the server's address and port are recorded with setServer().
+    virtual bool connectToServer(const char* host, const char* port) = 0;
+
+    // Chooses a server from the section's VELARTO_SERVER list and connects: the only one; else the one that
+    // the query string forces; else the one that the user reference points at; else a random one, going on to
+    // the others when it fails. False when none could be reached, or without a section.
+    virtual bool ConnectToQuilServer(TQuilRequest* request, Stanza* clientSection, const char* clientName,
+                                     bool oneShotClient);
+
+    // Sends the request message. Rewrites the request's HTTP_COOKIE: the client's own cookies are added to
+    // it.
+    virtual bool SendQuilRequest(TQuilRequest* request);
+
+    // Serves the server's messages until the end message (true) or a failure. Data and header messages are
+    // acknowledged before the callback, which may be null, sees them.
+    virtual bool DispatchQuilRequests(DispatchCallback callback, void* user, bool parseFilePaths);
+
+    // The client behind an opaque handle; null when the handle is null or no live client.
+    static QuilClient* CastHandleToQuilClient(void* handle);
+
+    // ---- server selection ----
+    bool connectToServer(const char* entry);  // one server entry; its SID is not used
+    void setClientName(const char* name);
+    void setSID(const char* text);  // a text of more than 31 characters is refused: the SID stays as it was
+    void resetSID();
+    // Takes the SID from an argument of the query string; without it the SID stays as it was.
+    void setSIDFromQueryString(const CText& query, const CText& argumentName);
+    // Finds the user reference (28 or 36 characters): cookie, then query string, then body. False when there
+    // is none.
+    bool setUserRef(const TQuilRequest* request);
+    // Decodes it: the SID of the short form, address and port of the long one; texts that it does not hold
+    // are left.
+    bool processUserRef(CText& sid, CText& ip, CText& port) const;
+    // out = cookies plus "VelartoClient=" and, when several servers were to choose from, "Velarto_CGIIP=".
+    // Returns out.
+    CText& AddVelartoCookieWithIP(const CText& cookies, CText& out);
+
+    // ---- messages ----
+    bool CompleteQuilRequest(std::uint32_t type, bool ok);
+    bool CompleteQuilDataRequest(std::uint32_t type, bool ok, const CData& data);
+    void FileToNativePath(CText& path);  // backslashes become slashes
+
+    TQuilRequest* AllocQuilRequest();             // the caller's, until FreeQuilRequest; null without memory
+    void FreeQuilRequest(TQuilRequest* request);  // null is ignored
+
+    // The scratch buffer, at least 5120 bytes, cut back to 32767 unless more is asked for.
+    CData& GetScratchBuffer(std::uint32_t size);
+
+    const CText& serverEntry() const { return serverEntry_; }  // the whole list, or the element taken up last
+    const char* sid() const { return sid_; }
+    const char* serverIP() const { return serverIP_; }
+    const char* serverPort() const { return serverPort_; }
+
+  protected:
+    static constexpr std::size_t kAddressSize = 16;
+    static constexpr std::size_t kFieldSize = 32;
+
+    // Records the connected server: the texts as configured, and where the connection really leads.
+    void setServer(const char* addressText, const char* portText, std::uint32_t address, std::uint16_t port);
+
+  private:
+    bool connectToForcedServer(const Attribute& servers, std::uint32_t n);
+    bool connectToUsersServer(const TQuilRequest* request, const Attribute& servers, std::uint32_t n,
+                              std::uint32_t& lastFailed);
+    bool connectToRandomServer(const Attribute& servers, std::uint32_t n, std::uint32_t lastFailed);
+    void appendRoute(CText& out) const;
+
+    ValidityTag<4212> handleTag_;
+    CData scratch_;
+    CText clientName_;
+    CText serverEntry_;
+    char sid_[kFieldSize] = {};
+    char serverIP_[kAddressSize] = {};
+    char serverPort_[kFieldSize] = {};
+    char userRef_[128] = {};
+    bool addRouteCookie_ = false;
+    std::uint32_t connectedAddress_ = 0;  // host byte order
+    std::uint16_t connectedPort_ = 0;
+};

@@ -1,0 +1,34 @@
+// SocCGIQuilClient: the protocol client over one TCP connection.
+#pragma once
+
+#include <cstdint>
+
+#include "net/Socket.h"
+#include "protocol/QuilClient.h"
+
+// The only place where a stream and a socket know each other. Numbers travel in network byte order.
+class SocCGIQuilClient : public QuilClient {
+  public:
+    SocCGIQuilClient() = default;
+    SocCGIQuilClient(const SocCGIQuilClient&) : QuilClient() {}  // a fresh client
+    SocCGIQuilClient& operator=(const SocCGIQuilClient&) {
+        return *this;
+    }  // a client keeps its own connection
+    ~SocCGIQuilClient() override = default;
+
+    std::uint32_t readFromTransport(void* dst, std::uint32_t len) override;
+    std::uint32_t writeToTransport(const void* src, std::uint32_t len) override;
+    std::uint32_t makeNetworkNumber(std::uint32_t hostValue) const override;
+    std::uint32_t makeHostNumber(std::uint32_t wireValue) const override;
+
+    // Milliseconds for each read and write, 0 for the default of 300000; returns the previous value. A failed
+    // connection attempt sets it back to the default.
+    std::uint32_t SetReadWriteTimeout(std::uint32_t milliseconds) override;
+
+    // A dotted address or a name, and a decimal port. The connection must stand within 1000 ms.
+    bool connectToServer(const char* host, const char* port) override;
+    using QuilClient::connectToServer;
+
+  private:
+    Socket socket_;
+};
