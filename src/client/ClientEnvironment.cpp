@@ -1,0 +1,173 @@
+#include "client/ClientEnvironment.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "client/ConfigClnt.h"
+#include "client/QuilClientError.h"
+#include "client/Velarto.h"
+#include "platform/UThread.h"
+
+CText ClientName;
+CText IniFileName;
+bool OneShotClient = true;
+TReadWriteLock RWLock;
+std::unique_ptr<ConfigFile> configFile;
+Stanza* configStanza = nullptr;
+std::uint32_t ClientRrWrTimeout = 0;
+
+namespace {
+
+constexpr char kDefaultIniFile[] = "clients.ini";
+constexpr char kDirectoryStanza[] = "Velarto Client Definitions";
+constexpr std::uint32_t kReloadInterval = 5000;     // milliseconds
+constexpr std::uint32_t kThreadEndTimeout = 10000;  // milliseconds
+
+// Set under RWLock, read without it.
+CText DocumentPath;
+CText RegisteredExtensions;
+
+TPeriodicThread ClientThread;
+
+const char* const VelartoDefaultExtensions[] = {"zaf", "zhtml", "zml", "zcf"};
+
+// Whether the extension is one of the pieces of a list separated by ",", ";" or ":".
+bool isInExtensionList(const char* extension, const char* list) {
+    constexpr char kSeparators[] = ",;:";
+    const std::size_t length = std::strlen(extension);
+    for (const char* piece = list; *piece != 0;) {
+        const std::size_t pieceLength = std::strcspn(piece, kSeparators);
+        if (pieceLength != 0 && pieceLength == length && strncasecmp(piece, extension, length) == 0)
+            return true;
+        piece += pieceLength;
+        piece += std::strspn(piece, kSeparators);
+    }
+    return false;
+}
+
+// Seconds as milliseconds; what would not fit waits as long as can be counted.
+std::uint32_t millisecondsFrom(const CText& seconds) {
+    constexpr std::uint32_t kLongest = 0xFFFFFFFFu / 1000;
+    return std::min(seconds.GetTextAsULong(), kLongest) * 1000;
+}
+
+bool clientSetting(const char* key) {
+    ReadLock lock(RWLock);
+    return lock && configStanza != nullptr && IsTrueValue(*configStanza, key);
+}
+
+// What VeClientInitEnvironment does once the lock exists.
+bool setUpEnvironment(bool oneShot, const char* iniFileName, const char* clientName) {
+    if (clientName == nullptr || *clientName == 0) {
+        clientError.SetErrorMessage("No client name defined");
+        return false;
+    }
+    ClientName = clientName;
+    IniFileName = iniFileName != nullptr && *iniFileName != 0 ? iniFileName : kDefaultIniFile;
+    OneShotClient = oneShot;
+    if (!ReadClientConfig(true)) return false;
+    if (oneShot) return true;
+    ClientThread.SetCallback(kReloadInterval, ClientThreadProc, nullptr);
+    return ClientThread.StartNewThread(nullptr, nullptr) == 0;
+}
+
+}  // namespace
+
+bool VeClientInitEnvironment(bool oneShot, const char* iniFileName, const char* clientName) {
+    clientError.SetError(CLIENT_ERR_ENVIRONMENT, nullptr);
+    if (!RWLock.CreateRWLock()) return false;
+    if (!setUpEnvironment(oneShot, iniFileName, clientName)) {
+        VeClientCleanUp();
+        return false;
+    }
+    clientError.SetError(CLIENT_READY, nullptr);
+    return true;
+}
+
+bool VeClientCleanUp() {
+    ClientThread.RequestStop();
+    ClientThread.WaitForThread(kThreadEndTimeout);
+    ClientThread.DestroyThread();
+    {
+        WriteLock lock(RWLock);
+        if (!lock) return false;
+        ResetClientEnvironment();
+    }
+    RWLock.DestroyRWLock();
+    return true;
+}
+
+bool ResetClientEnvironment() {
+    configStanza = nullptr;
+    configFile.reset();
+    ClientName.Clear();
+    IniFileName.Clear();
+    return true;
+}
+
+bool ReadClientConfig(bool report) {
+    if (ClientName.IsEmpty() || IniFileName.IsEmpty()) return false;
+    CText path;
+    if (!ConfigFile::buildConfigPath(IniFileName.GetTextEx(), path)) {
+        if (report) {
+            clientError.SetErrorMessage(
+                "Unable to get the file path for the config file: %s. Check that the velarto configure path "
+                "has been set properly.",
+                IniFileName.GetTextEx());
+        }
+        return false;
+    }
+
+    WriteLock lock(RWLock);
+    if (!lock) return false;
+    configStanza = nullptr;
+    configFile = std::make_unique<ConfigFile>(path.GetTextEx(), kDirectoryStanza);
+    if (ProcessClientConfig(configFile.get(), ClientName, configStanza) != CLIENT_CONFIG_OK) {
+        if (report) {
+            clientError.SetErrorMessage(
+                "An error occurred while parsing the config file %s for client %s. Check the file format is "
+                "correct and the owner of the http process has file permissions to read the file.",
+                path.GetTextEx(), ClientName.GetTextEx());
+        }
+        ResetClientEnvironment();
+        return false;
+    }
+
+    CText value;
+    if (configStanza->getValue("CLIENTIOTIMEOUT", value)) ClientRrWrTimeout = millisecondsFrom(value);
+    if (configStanza->getValue("DOCUMENTPATH", value)) DocumentPath = value;
+    if (configStanza->getValue("REGISTER_EXTNS", value)) RegisteredExtensions = value;
+    return true;
+}
+
+bool ClientThreadProc(void*) {
+    if (configFile != nullptr && configFile->getModificationDate() <= configFile->GetParseTimestamp())
+        return false;
+    return !ReadClientConfig(false);
+}
+
+bool IsVelartoExtns(const char* path) {
+    const char* dot = path != nullptr ? std::strrchr(path, '.') : nullptr;
+    if (dot == nullptr) return false;
+    const char* extension = dot + 1;
+    if (!RegisteredExtensions.IsEmpty())
+        return isInExtensionList(extension, RegisteredExtensions.GetTextEx());
+    for (const char* known : VelartoDefaultExtensions) {
+        if (strcasecmp(extension, known) == 0) return true;
+    }
+    return false;
+}
+
+bool IsFullHeaderSupport() {
+    return clientSetting("SENDFULLHEADER");
+}
+
+bool ParseFilePaths() {
+    return clientSetting("PARSEFILEPATHS");
+}
+
+const char* GetDocumentPath() {
+    return DocumentPath.GetText();
+}

@@ -1,0 +1,20 @@
+// What the client needs from its section of the configuration file.
+#pragma once
+
+#include "Server/Common_Classes/UText.h"
+#include "config/ConfigFile.h"
+
+enum ClientConfigResult {
+    CLIENT_CONFIG_OK = 0,
+    CLIENT_CONFIG_NO_FILE = 3,      // no usable file
+    CLIENT_CONFIG_NOT_WRITTEN = 4,  // the changed section could not be written back
+    CLIENT_CONFIG_NO_SERVER_LIST = 5
+};
+
+// Parses the file and finds the client's section, which the file keeps owning. A missing section is added
+// with a server on this machine, and one of the older form (VELARTO_HOST, VELARTO_PORT) gets its server list;
+// both are written back.
+ClientConfigResult ProcessClientConfig(ConfigFile* file, const CText& clientName, Stanza*& stanza);
+
+// A truth value: true when the section has the key and its value begins with one of "YyTt1".
+bool IsTrueValue(Stanza& stanza, const char* key);
