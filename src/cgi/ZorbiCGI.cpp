@@ -1,0 +1,200 @@
+#include "cgi/ZorbiCGI.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include "cgi/VeHttpResponse.h"
+#include "client/QuilClientError.h"
+
+namespace {
+
+constexpr unsigned kLongestRun = 300;  // seconds, then the alarm ends the process
+
+char StanzaName[256];  // the program's base name: the client's name
+
+// The CGI variable of each parameter that has one, in id order.
+struct ParamVariable {
+    TQUILReqParamID id;
+    const char* variable;
+};
+
+constexpr ParamVariable kParamVariables[] = {
+    {QUIL_PARAM_QUERY_STRING, "QUERY_STRING"},
+    {QUIL_PARAM_PATH_INFO, "PATH_INFO"},
+    {QUIL_PARAM_PATH_TRANSLATED, "PATH_TRANSLATED"},
+    {QUIL_PARAM_REQUEST_METHOD, "REQUEST_METHOD"},
+    {QUIL_PARAM_REMOTE_HOST, "REMOTE_HOST"},
+    {QUIL_PARAM_REMOTE_IDENT, "REMOTE_IDENT"},
+    {QUIL_PARAM_REMOTE_USER, "REMOTE_USER"},
+    {QUIL_PARAM_REMOTE_NAME, "REMOTE_NAME"},
+    {QUIL_PARAM_REMOTE_PORT, "REMOTE_PORT"},
+    {QUIL_PARAM_SERVER_NAME, "SERVER_NAME"},
+    {QUIL_PARAM_SERVER_PORT, "SERVER_PORT"},
+    {QUIL_PARAM_SCRIPT_NAME, "SCRIPT_NAME"},
+    {QUIL_PARAM_HTTP_REFERER, "HTTP_REFERER"},
+    {QUIL_PARAM_HTTP_USER_AGENT, "HTTP_USER_AGENT"},
+    {QUIL_PARAM_CONTENT_TYPE, "CONTENT_TYPE"},
+    {QUIL_PARAM_CONTENT_LENGTH, "CONTENT_LENGTH"},
+    {QUIL_PARAM_PLUGIN, "PLUGIN"},
+    {QUIL_PARAM_REMOTE_ADDR, "REMOTE_ADDR"},
+    {QUIL_PARAM_HTTP_COOKIE, "HTTP_COOKIE"},
+    {QUIL_PARAM_HTTP_FROM, "HTTP_FROM"},
+    {QUIL_PARAM_HTTP_ACCEPT, "HTTP_ACCEPT"},
+    {QUIL_PARAM_SOAPACTION, "SOAPACTION"},
+};
+
+bool isNphMode(const char* name) {
+    return std::strncmp(name, "nph-", 4) == 0;
+}
+
+// The system ends a process that hangs, also under a parent that ignores or blocks the signal.
+void setAlarm() {
+    sigset_t alarmOnly;
+    sigemptyset(&alarmOnly);
+    sigaddset(&alarmOnly, SIGALRM);
+    std::signal(SIGALRM, SIG_DFL);
+    sigprocmask(SIG_UNBLOCK, &alarmOnly, nullptr);
+    alarm(kLongestRun);
+}
+
+// Nothing may reach a browser through standard error. The descriptor stays occupied, and so do 0 and 1 when
+// the caller left them closed: a socket that got such a number would receive every diagnostic of the C
+// library, or the response.
+void closeStandardError() {
+    close(STDERR_FILENO);
+    int null;
+    do {
+        null = open("/dev/null", O_RDWR);
+    } while (null >= 0 && null < STDERR_FILENO);
+    if (null > STDERR_FILENO) close(null);
+}
+
+void setStanzaName(const char* programPath) {
+    const char* slash = std::strrchr(programPath, '/');
+    std::snprintf(StanzaName, sizeof StanzaName, "%s", slash != nullptr ? slash + 1 : programPath);
+}
+
+// Reads up to size bytes of standard input, fewer at its end; -1 on a read error.
+long long readBody(unsigned char* buffer, std::uint32_t size) {
+    std::uint32_t got = 0;
+    while (got < size) {
+        const ssize_t n = read(STDIN_FILENO, buffer + got, size - got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return -1;
+        if (n == 0) break;
+        got += static_cast<std::uint32_t>(n);
+    }
+    return got;
+}
+
+bool readPostArgs(ve_hrequest_t* request, const char* contentLength) {
+    // 64 bits wide in every build: a length beyond 32 bits must not turn into a small one.
+    const long long length = contentLength != nullptr ? std::strtoll(contentLength, nullptr, 10) : 0;
+    if (length == 0) return true;
+    if (length < 0 || length > 0xFFFFFFFFLL) return false;
+    const auto size = static_cast<std::uint32_t>(length);
+    unsigned char* buffer = VeRequestGetPostArgBuffer(request, size);
+    return buffer != nullptr && readBody(buffer, size) == length &&
+           VeRequestSetPostArgDataSize(request, size);
+}
+
+void writeErrorPage(std::uint32_t code) {
+    write_nph(stdout, StanzaName);
+    std::fprintf(stdout, "Content-type: text/html\r\n\r\n%s", VeClientGetErrorHtml(nullptr, code));
+}
+
+// One request from the environment set-up to the end of the response; 0 or the client error code.
+int serveRequest(const char* programPath) {
+    if (!VeClientInitEnvironment(true, nullptr, StanzaName)) {
+        writeErrorPage(CLIENT_ERR_ENVIRONMENT);
+        return CLIENT_ERR_ENVIRONMENT;
+    }
+    ve_hrequest_t* request = nullptr;
+    ve_hclient_t* connection = VeClientCreateConnection(0);
+    const auto fail = [&](QuilClientErrorCode code) {
+        writeErrorPage(code);
+        VeClientFreeRequest(connection, request);
+        VeClientDestroyConnection(connection);
+        return static_cast<int>(code);
+    };
+
+    if (connection == nullptr) return fail(CLIENT_ERR_CONNECTION);
+    request = PrepareVelartoRequest(connection, programPath);
+    if (request == nullptr) return fail(CLIENT_ERR_PREPARE);
+    if (!VeClientConnectToServer(connection, request)) return fail(CLIENT_ERR_CONNECT);
+    if (!VeClientSendRequest(connection, request)) return fail(CLIENT_ERR_SEND);
+    VeClientFreeRequest(connection, request);
+    request = nullptr;
+    if (!VeClientDispatchRequests(connection, VeClientDispatchCB, nullptr)) return fail(CLIENT_ERR_DISPATCH);
+    return 0;
+}
+
+}  // namespace
+
+void write_nph(std::FILE* out, const char* name) {
+    if (!isNphMode(name)) return;
+    const char* protocol = std::getenv("SERVER_PROTOCOL");
+    const char* software = std::getenv("SERVER_SOFTWARE");
+    std::fprintf(out, "%s %s\n", protocol != nullptr ? protocol : "HTTP/1.0", "500 Internal Server Error");
+    if (software != nullptr) std::fprintf(out, "Server: %s\n", software);
+}
+
+ve_hrequest_t* PrepareVelartoRequest(ve_hclient_t* connection, const char* commandLine) {
+    ve_hrequest_t* request = VeClientAllocRequest(connection);
+    if (request == nullptr) return nullptr;
+    const char* contentLength = std::getenv("CONTENT_LENGTH");
+    if (!readPostArgs(request, contentLength)) {
+        VeClientFreeRequest(connection, request);
+        return nullptr;
+    }
+    for (const ParamVariable& param : kParamVariables) {
+        VeRequestSetAtrtibute(request, param.id, std::getenv(param.variable));
+    }
+    if (contentLength == nullptr) VeRequestSetAtrtibute(request, QUIL_PARAM_CONTENT_LENGTH, "0");
+    VeRequestSetAtrtibute(request, QUIL_PARAM_COMMANDLINE, commandLine);
+    VeRequestSetAtrtibute(request, QUIL_PARAM_FULLHEADER, "");
+    return request;
+}
+
+bool VeClientDispatchCB(ve_hclient_t* /*connection*/, TQUILReqType type, const char* data,
+                        std::uint32_t length, void* /*user*/) {
+    switch (type) {
+        case QUIL_HTTP_HEADER: {
+            void* response = VeHttpParseResponse(data, false);
+            if (response == nullptr) return false;
+            if (!isNphMode(StanzaName)) {  // the web server makes its own status line
+                data = VeHttpFirstResponseHeader(response);
+                length = static_cast<std::uint32_t>(std::strlen(data));
+            }
+            VeHttpReleaseResponse(response);
+            std::fwrite(data, 1, length, stdout);
+            return true;
+        }
+        case QUIL_BODY_DATA:
+            std::fwrite(data, 1, length, stdout);
+            return true;
+        case QUIL_END:
+            std::fflush(stdout);
+            return true;
+        default:
+            return true;
+    }
+}
+
+int main(int argc, char** argv) {
+    setAlarm();
+    closeStandardError();
+    const char* programPath = argc > 0 ? argv[0] : "";
+    setStanzaName(programPath);
+    const int code = serveRequest(programPath);
+
+    // The end of the process closes standard output in the same breath as it ends: a web server that sees the
+    // end of the output while the process still lives may wait for it.
+    std::fflush(stdout);
+    _exit(code);
+}
