@@ -56,11 +56,6 @@ ssize_t pwrite(int fd, const void* bytes, std::size_t size, off_t offset) {
     return call(fd, bytes, shortWrites ? std::min<std::size_t>(size, 100) : size, offset);
 }
 
-ssize_t pread(int fd, void* bytes, std::size_t size, off_t offset) {
-    static const auto call = real<ssize_t (*)(int, void*, std::size_t, off_t)>("pread64");
-    return failsNow() ? -1 : call(fd, bytes, shortWrites ? std::min<std::size_t>(size, 100) : size, offset);
-}
-
 int ftruncate(int fd, off_t size) noexcept {
     static const auto call = real<int (*)(int, off_t)>("ftruncate64");
     return failsNow() ? -1 : call(fd, size);
@@ -195,7 +190,8 @@ TEST_F(ConfigFileTest, ParsesOrRefuses) {
         {"[a]\n[b]\n", "", "2:1"},
         {"[a]", "", "1:4"},
         {"[a", "", "1:3"},
-        {"[a] \n", "", "1:5"},
+        {"[a] \t\nk=v\n", "[a]\nk=v\n\n"},
+        {"[a] =\n", "", "1:5"},
         {"[a] b\n", "", "1:5"},
         {"[a]\r\nk=v\r\n", "", "1:4"},
         {"[a]\n\n  \n[b]\n", "[a]\n\n", "3:3"},
@@ -497,7 +493,7 @@ TEST_F(ConfigWriteTest, KeepsModeOwnerAndLinks) {
     }
 }
 
-// For every n: the n-th system call fails (writes and reads are short besides). The file holds the old or the
+// For every n: the n-th system call fails (writes are short besides). The file holds the old or the
 // new content, as the result says, and no other file is left.
 TEST_F(ConfigWriteTest, SurvivesAnyFailingSystemCall) {
     const std::string longValue = repeated(1000, 'x');

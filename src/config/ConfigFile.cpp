@@ -12,14 +12,17 @@
 
 namespace {
 
-// Reports a fault and keeps errno. Returns whether there was none.
-bool succeeded(FileFault fault, const CText& path) {
-    if (fault == FileFault::kNone) return true;
+// Always false; errno stays.
+bool report(FileFault fault, const CText& path) {
     const int cause = errno;
     ReportSystemEvent(SYS_EVENT_ERROR, SYS_EVENT_CONFIG, "[%s] %s %s", std::strerror(cause),
                       fileFaultText(fault), path.GetTextEx());
     errno = cause;
     return false;
+}
+
+bool doneOrReported(FileFault fault, const CText& path) {
+    return fault == FileFault::kNone || report(fault, path);
 }
 
 // A stream into memory.
@@ -64,7 +67,7 @@ ConfigFile::~ConfigFile() {
 bool ConfigFile::parseConfigFile() {
     MutexLock lock(lock_);
     LockedFile file(path_);
-    if (succeeded(file.open(LockedFile::kRead), path_)) return pLoad(file);
+    if (doneOrReported(file.open(LockedFile::kRead), path_)) return pLoad(file);
     parseError_ = {"the file cannot be opened and locked", 0, 0, errno};
     return false;
 }
@@ -80,7 +83,7 @@ bool ConfigFile::pLoad(const LockedFile& file) {
     if (isInvalid(file.status().st_size)) return false;
 
     CData content;
-    if (!succeeded(file.read(content, kMaxFileSize + 1), path_)) {
+    if (!doneOrReported(file.read(content, kMaxFileSize + 1), path_)) {
         parseError_ = {"the file cannot be read", 0, 0, errno};
         return false;
     }
@@ -107,7 +110,7 @@ std::time_t ConfigFile::getModificationDate() const {
     MutexLock lock(lock_);
     LockedFile file(path_);
     const FileFault fault = file.open(LockedFile::kRead);
-    if (fault == FileFault::kOpen) succeeded(fault, path_);
+    if (fault == FileFault::kOpen) report(fault, path_);
     return fault == FileFault::kNone ? file.status().st_mtime : 0;
 }
 
@@ -255,19 +258,33 @@ bool ConfigFile::mergeConfigFiles(ConfigFile& other) {
     return true;
 }
 
+// A name or key that the syntax cannot carry must not make the file unreadable for everybody.
+bool ConfigFile::pReadsBack(const char* bytes, std::uint32_t size) {
+    ConfigParser parser(bytes, size);
+    for (ListIterators<Stanza*> i(stanzas_); !i.isDone(); i.next()) {
+        const std::unique_ptr<Stanza> stanza = parser.nextStanza();
+        if (stanza == nullptr || !stanza->isStanzaName(i.currentItem()->getStanzaName())) return false;
+    }
+    return parser.nextStanza() == nullptr && parser.error().line == 0 && size <= kMaxFileSize;
+}
+
 bool ConfigFile::pStore(LockedFile& file) {
     MemoryStream content;
     bool written = content.stream() != nullptr;
     for (ListIterators<Stanza*> i(stanzas_); written && !i.isDone(); i.next())
         written = i.currentItem()->saveStanza(content.stream());
-    if (!written || !content.finish()) return succeeded(FileFault::kWrite, path_);
-    return succeeded(file.replace(content.bytes(), content.size()), path_);
+    if (!written || !content.finish()) return report(FileFault::kWrite, path_);
+    if (!pReadsBack(content.bytes(), content.size())) {
+        errno = content.size() > kMaxFileSize ? EFBIG : EINVAL;
+        return report(FileFault::kWrite, path_);
+    }
+    return doneOrReported(file.replace(content.bytes(), content.size()), path_);
 }
 
 bool ConfigFile::writeFile(bool merge) {
     MutexLock lock(lock_);
     LockedFile file(path_);
-    if (!succeeded(file.open(merge ? LockedFile::kChange : LockedFile::kCreate), path_)) return false;
+    if (!doneOrReported(file.open(merge ? LockedFile::kChange : LockedFile::kCreate), path_)) return false;
     if (!merge) return pStore(file);
     ConfigFile image(path_.GetText(), directoryName_.GetText());
     return image.pLoad(file) && image.mergeConfigFiles(*this) && image.pStore(file);
@@ -277,7 +294,7 @@ bool ConfigFile::removeStanzaWithWrite(const char* name) {
     MutexLock lock(lock_);
     const CText removed(name);
     LockedFile file(path_);
-    if (!succeeded(file.open(LockedFile::kChange), path_)) return false;
+    if (!doneOrReported(file.open(LockedFile::kChange), path_)) return false;
     ConfigFile image(path_.GetText(), directoryName_.GetText());
     if (!image.pLoad(file) || !image.mergeConfigFiles(*this)) return false;
     image.pRemoveStanza(removed);
@@ -289,7 +306,7 @@ bool ConfigFile::removeStanzaWithWrite(const char* name) {
 bool ConfigFile::changeStanzaWithWrite(const char* name) {
     MutexLock lock(lock_);
     LockedFile file(path_);
-    if (!succeeded(file.open(LockedFile::kChange), path_)) return false;
+    if (!doneOrReported(file.open(LockedFile::kChange), path_)) return false;
     ConfigFile image(path_.GetText(), directoryName_.GetText());
     if (!image.pLoad(file)) return false;
 

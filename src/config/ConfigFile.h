@@ -64,7 +64,7 @@ class ConfigFile {
     // The next three hold one exclusive lock on the file from before it is read until it is written, and the
     // file keeps its old content, whole, unless the new content could be written whole (see LockedFile).
     // A file that is missing, cannot be opened for writing or does not parse fails them, with nothing
-    // changed.
+    // changed; so does an image that would not read back, such as a name that the syntax cannot carry.
 
     // Writes this image, merged into what the file holds when merge is set; else the file may be missing, and
     // its content does not matter.
@@ -92,6 +92,7 @@ class ConfigFile {
     bool pRemoveStanza(const CText& name);
 
     bool pLoad(const LockedFile& file);
+    bool pReadsBack(const char* bytes, std::uint32_t size);
     bool pStore(LockedFile& file);
 
     std::uint32_t cursor_ = 0;

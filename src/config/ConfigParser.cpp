@@ -108,8 +108,11 @@ std::unique_ptr<Stanza> ConfigParser::nextStanza() {
 }
 
 bool ConfigParser::readAttributes(Stanza& stanza) {
-    if (tokens_.getToken(false) != ConfigTokenizer::kEndOfLine)
-        return fail("the line of a section header must end right after it, or in a comment");
+    ConfigTokenizer::Token lineEnd = tokens_.getToken(false);
+    const bool isBlankRest = lineEnd == ConfigTokenizer::kKey && *tokens_.text() == '\0';
+    if (isBlankRest) lineEnd = tokens_.getToken(false);
+    if (lineEnd != ConfigTokenizer::kEndOfLine)
+        return fail("after a section header only blanks and a comment may stand on its line");
     for (;;) {
         switch (tokens_.getToken(false)) {
             case ConfigTokenizer::kEndOfLine:

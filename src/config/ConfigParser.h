@@ -62,8 +62,7 @@ class ConfigTokenizer {
 };
 
 // Builds the stanzas of a file one after the other. Between two of them stands at least one empty or comment
-// line, and none stands inside. A name of more than 254 characters becomes empty, a key that long is an
-// error.
+// line, and none stands inside. A name of more than 254 characters becomes empty, a key of more is an error.
 class ConfigParser {
   public:
     ConfigParser(const char* content, std::uint32_t size) : tokens_(content, size) {}
