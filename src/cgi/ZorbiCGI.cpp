@@ -17,6 +17,9 @@ constexpr unsigned kLongestRun = 300;  // seconds, then the alarm ends the proce
 
 char StanzaName[256];  // the program's base name: the client's name
 
+// Of standard output: a small page leaves in one write, whatever the C library's own size is.
+char outputBuffer[32768];
+
 // The CGI variable of each parameter that has one, in id order.
 struct ParamVariable {
     TQUILReqParamID id;
@@ -189,6 +192,7 @@ bool VeClientDispatchCB(ve_hclient_t* /*connection*/, TQUILReqType type, const c
 int main(int argc, char** argv) {
     setAlarm();
     closeStandardError();
+    std::setvbuf(stdout, outputBuffer, _IOFBF, sizeof outputBuffer);
     const char* programPath = argc > 0 ? argv[0] : "";
     setStanzaName(programPath);
     const int code = serveRequest(programPath);
