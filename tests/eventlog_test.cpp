@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -15,13 +14,12 @@
 #include <ctime>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "eventlog/eventlog_impl.h"
 #include "platform/osfile_impl.h"
-#include "support/Runner.h"
+#include "support/Concurrent.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -101,8 +99,7 @@ class EventLogTest : public testing::Test {
 TEST_F(EventLogTest, LineHasFixedColumns) {
     std::tm when{};
     EXPECT_STREQ(formatEventLine(123456, when, "").GetText(), "[123456] 1900-01-00 00:00:00 \n");
-    when.tm_year = 109, when.tm_mon = 2, when.tm_mday = 7, when.tm_hour = 14, when.tm_min = 5,
-    when.tm_sec = 9;
+    strptime("2009-03-07 14:05:09", "%Y-%m-%d %T", &when);
     const struct {
         int type, category;
         const char* line;
@@ -206,32 +203,29 @@ TEST_F(EventLogTest, FullDiskIsReported) {
 
 // Lines longer than a stream's buffer, so that a line is more than one write.
 TEST_F(EventLogTest, LinesOfManyThreadsAndProcessesStayWhole) {
-    constexpr int kProcesses = 3, kThreads = 3, kReports = 40;
-    std::vector<pid_t> children;
-    for (int process = 0; process < kProcesses; ++process) {
-        children.push_back(fork());
-        if (children.back() != 0) continue;
-        std::atomic<int> failed{!OpenSystemEventLog(path.c_str(), nullptr)};
-        std::vector<std::thread> threads;
-        for (int i = 0; i < kThreads; ++i) {
-            threads.emplace_back([&failed, letter = 'a' + process * kThreads + i] {
-                const std::string message(9000, static_cast<char>(letter));
-                for (int n = 0; n < kReports; ++n) {
-                    if (!ReportSystemEvent(SYS_EVENT_INFO, SYS_EVENT_STOP, "%s", message.c_str())) ++failed;
-                }
-            });
+    constexpr int kReports = 50;
+    std::atomic<int> written{0};
+    const auto report = [&](char letter) {
+        const std::string message(9000, letter);
+        for (int n = 0; n < kReports; ++n) {
+            written += ReportSystemEvent(SYS_EVENT_INFO, SYS_EVENT_STOP, "%s", message.c_str());
         }
-        for (std::thread& thread : threads)
-            thread.join();
-        _exit(failed);
+    };
+    pid_t children[3];
+    for (pid_t& child : children) {
+        child = support::startChild([&] {
+            OpenSystemEventLog(path.c_str(), nullptr);
+            const auto letter = static_cast<char>('a' + 2 * (&child - children));
+            {
+                Runner threads[] = {Runner([&] { report(letter); }), Runner([&] { report(letter + 1); })};
+            }
+            return written.load();
+        });
     }
-    for (const pid_t child : children) {
-        int status = -1;
-        waitpid(child, &status, 0);
-        EXPECT_EQ(status, 0);
-    }
+    for (const pid_t child : children)
+        EXPECT_EQ(support::resultOf(child), 2 * kReports);
     const auto all = lines();
-    EXPECT_EQ(all.size(), static_cast<std::size_t>(kProcesses * kThreads * kReports));
+    EXPECT_EQ(all.size(), 3u * 2u * kReports);
     for (const std::string& line : all) {
         ASSERT_EQ(line.front(), '[');
         ASSERT_EQ(line.find_first_not_of(line.back(), line.size() - 9000), std::string::npos);
@@ -255,11 +249,10 @@ TEST_F(EventLogTest, ClosingWaitsForTheReportUnderWay) {
     ASSERT_TRUE(OpenSystemEventLog(path.c_str(), nullptr));
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
-    const pid_t child = fork();
-    if (child == 0) {
+    const pid_t child = support::startChild([&] {
         const bool locked = LockOSFile(open(path.c_str(), O_RDWR), true);
-        _exit(write(ready[1], "", 1) != 1 || !locked || pause());
-    }
+        return write(ready[1], "", 1) != 1 || !locked || pause();
+    });
     char byte;
     ASSERT_EQ(read(ready[0], &byte, 1), 1);
     std::atomic<bool> reported{false}, closed{false};
@@ -272,31 +265,21 @@ TEST_F(EventLogTest, ClosingWaitsForTheReportUnderWay) {
     }
     EXPECT_TRUE(reported && closed);
     EXPECT_EQ(lines().size(), 1u);
-    waitpid(child, nullptr, 0);
+    support::resultOf(child);
     close(ready[0]), close(ready[1]);
 }
 
 TEST_F(EventLogTest, ReportsMeetOpeningsAndClosings) {
     std::atomic<std::size_t> written{0};
-    std::atomic<bool> finish{false};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back([&] {
-            while (!finish)
-                written += ReportSystemEvent(SYS_EVENT_INFO, SYS_EVENT_STOP, "x");
-        });
-    }
-    std::thread rival([&] {
-        while (!finish)
-            OpenSystemEventLog(path.c_str(), "rival"), CloseSystemEventLog();
-    });
-    for (int round = 0; round < 300 || written == 0; ++round) {
-        OpenSystemEventLog(path.c_str(), "gateway"), CloseSystemEventLog();
-    }
-    finish = true;
-    rival.join();
-    for (std::thread& thread : threads)
-        thread.join();
+    const auto report = [&] {
+        while (written < 1000)
+            written += ReportSystemEvent(SYS_EVENT_INFO, SYS_EVENT_STOP, "x");
+    };
+    const auto reopen = [&] {
+        while (written < 1000)
+            OpenSystemEventLog(path.c_str(), "gateway"), CloseSystemEventLog();
+    };
+    { Runner threads[] = {Runner(report), Runner(report), Runner(reopen), Runner(reopen)}; }
     EXPECT_EQ(lines().size(), written);
 }
 

@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -17,29 +16,16 @@
 #include "platform/osfile_impl.h"
 #include "platform/rwlockobj.h"
 #include "platform/systimer_impl.h"
-#include "support/Runner.h"
+#include "support/Concurrent.h"
 #include "support/TempDir.h"
 
 namespace {
 
+using support::resultOf;
 using support::Runner;
+using support::startChild;
 
 constexpr std::uint32_t kPlenty = 30000;  // milliseconds, for waits that must end before
-
-// A child process that runs the body; what the body returned (less than 256), once the child has ended.
-template <class Body>
-pid_t startChild(Body body) {
-    const pid_t child = fork();
-    if (child == 0) _exit(body());
-    return child;
-}
-
-int resultOf(pid_t child) {
-    int status = -1;
-    while (waitpid(child, &status, 0) == -1 && errno == EINTR)
-        continue;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 int tryLockElsewhere(Mutex& mutex) {
     int result = -1;
@@ -289,13 +275,11 @@ TEST(PeriodicThreadTest, SleepsForTheRestOfTheIntervalIfAny) {
 
 TEST(PeriodicThreadTest, StopRequestEndsItBeforeTheNextCall) {
     SleepRecorder thread(0);
-    thread.SetCallback(
-        0,
-        [](void* arg) {
-            auto* self = static_cast<SleepRecorder*>(arg);
-            return ++self->calls, self->RequestStop(), false;
-        },
-        &thread);
+    const auto call = [](void* self) {
+        static_cast<SleepRecorder*>(self)->RequestStop();
+        return ++static_cast<SleepRecorder*>(self)->calls == 0;
+    };
+    thread.SetCallback(0, call, &thread);
     EXPECT_EQ(thread.StartNewThread(nullptr, nullptr), 0);
     EXPECT_EQ(thread.WaitForThread(kPlenty), 0);
     EXPECT_EQ(thread.calls, 1);
