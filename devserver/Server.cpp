@@ -1,0 +1,174 @@
+#include "Server.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <stdexcept>
+#include <system_error>
+
+#include "Conversation.h"
+#include "Log.h"
+#include "Pages.h"
+#include "Text.h"
+
+namespace {
+
+constexpr std::chrono::seconds kFarewell(2);
+constexpr std::chrono::milliseconds kRetry(100);
+
+std::string dotted(const in_addr& address) {
+    char text[INET_ADDRSTRLEN] = "";
+    ::inet_ntop(AF_INET, &address, text, sizeof text);
+    return text;
+}
+
+std::string endpointOf(const sockaddr_in& address) {
+    return dotted(address.sin_addr) + ":" + std::to_string(ntohs(address.sin_port));
+}
+
+sockaddr_in ownAddress(const Socket& socket) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    ::getsockname(socket.GetDescriptor(), reinterpret_cast<sockaddr*>(&address), &length);
+    return address;
+}
+
+[[noreturn]] void failToListen(const Options& options, const std::string& reason) {
+    throw std::runtime_error(
+        format("cannot listen on %s:%u: %s", options.host.c_str(), options.port, reason.c_str()));
+}
+
+}  // namespace
+
+Server::Server(const Options& options) : options_(options) {
+    CText address;
+    if (Socket::castToIP(options.host.c_str(), address, false) == nullptr) {
+        failToListen(options, "no IPv4 address is known for that name");
+    }
+    const std::string port = std::to_string(options.port);
+    if (!listener_.CreateSocket(AF_INET, address.GetTextEx(), port.c_str())) {
+        failToListen(options, std::strerror(listener_.GetLastError()));
+    }
+    // The workers wait in accept() itself.
+    if (listener_.setNonBlocking(false) < 0 || ::listen(listener_.GetDescriptor(), SOMAXCONN) != 0) {
+        failToListen(options, std::strerror(errno));
+    }
+}
+
+Server::~Server() {
+    stop();
+}
+
+std::string Server::endpoint() const {
+    return endpointOf(ownAddress(listener_));
+}
+
+void Server::start() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    addWorker();
+}
+
+void Server::stop() {
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        stopping_ = true;
+        ::shutdown(listener_.GetDescriptor(), SHUT_RDWR);  // wakes all who wait in accept()
+        left_.wait_for(lock, kFarewell, [this] { return connections_.empty(); });
+        for (const int descriptor : connections_)
+            ::shutdown(descriptor, SHUT_RDWR);
+    }
+    // Nobody adds a worker any more.
+    for (std::thread& worker : workers_)
+        worker.join();
+    workers_.clear();
+}
+
+void Server::addWorker() {
+    workers_.emplace_back(&Server::work, this);
+}
+
+void Server::work() {
+    sockaddr_in peer{};
+    for (int descriptor = accept(peer); descriptor >= 0; descriptor = accept(peer))
+        serve(descriptor, peer);
+}
+
+int Server::accept(sockaddr_in& peer) {
+    for (;;) {
+        socklen_t length = sizeof peer;
+        const int descriptor =
+            ::accept4(listener_.GetDescriptor(), reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC);
+        if (descriptor >= 0) return descriptor;
+        const int error = errno;
+        if (isStopping()) return -1;
+        if (error == EINTR || error == ECONNABORTED) continue;
+        logError(std::string("cannot accept a connection: ") + std::strerror(error));
+        std::this_thread::sleep_for(kRetry);
+    }
+}
+
+void Server::serve(int descriptor, const sockaddr_in& peer) {
+    Socket socket(descriptor, reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
+    if (!enter(descriptor)) return;
+    const std::string client = endpointOf(peer);
+    try {
+        converse(socket, client);
+    } catch (const HungUp&) {
+    } catch (const ConversationError& error) {
+        logError(client + ": " + (isStopping() ? "cut off, the server ends" : error.what()));
+    } catch (const std::exception& error) {
+        logError(client + ": " + error.what());
+    }
+    leave(descriptor, socket);
+}
+
+void Server::converse(Socket& socket, const std::string& client) {
+    const auto start = std::chrono::steady_clock::now();
+    Conversation conversation(socket, options_);
+    Request request;
+    if (!conversation.receiveRequest(request)) return;
+
+    const sockaddr_in own = ownAddress(socket);
+    const Identity identity = {dotted(own.sin_addr), ntohs(own.sin_port), options_.sid};
+    Exchange exchange(options_, identity, request, conversation);
+    answer(exchange);
+    if (!options_.verbose) return;
+
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    const std::string& query = request[QUIL_PARAM_QUERY_STRING];
+    logLine(format("%s \"%s %s\" %u, %llu bytes, %.1f ms", client.c_str(),
+                   printable(request[QUIL_PARAM_REQUEST_METHOD]).c_str(),
+                   printable(request.path() + (query.empty() ? "" : "?" + query)).c_str(),
+                   exchange.response.code(), static_cast<unsigned long long>(exchange.response.bodyLength()),
+                   std::chrono::duration<double, std::milli>(elapsed).count()));
+}
+
+// Takes the connection on, and sees to it that somebody is left to accept the next.
+bool Server::enter(int descriptor) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (stopping_) return false;
+    connections_.insert(descriptor);
+    if (connections_.size() == workers_.size() && workers_.size() < options_.connections) {
+        try {
+            addWorker();
+        } catch (const std::system_error& error) {
+            logError(std::string("no further thread: ") + error.what());
+        }
+    }
+    return true;
+}
+
+void Server::leave(int descriptor, Socket& socket) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    connections_.erase(descriptor);
+    socket.DestroySocket();
+    left_.notify_all();
+}
+
+bool Server::isStopping() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return stopping_;
+}

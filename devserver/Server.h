@@ -1,0 +1,53 @@
+// Server: listening, connections, threads and the end.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Exchange.h"
+#include "Options.h"
+#include "net/Socket.h"
+
+// A pool of workers, each of which accepts a connection, holds its conversation and accepts the next. The
+// pool grows while all of them are busy, up to the number of connections asked for; further clients wait in
+// the listening queue.
+class Server {
+  public:
+    // Listens; throws std::runtime_error when it cannot. The options must outlive the server.
+    explicit Server(const Options& options);
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+    ~Server();
+
+    std::string endpoint() const;  // ADDRESS:PORT, the port that was really given
+
+    void start();
+    // No new conversations; running ones get a short while to end by themselves, then they are cut off.
+    void stop();
+
+  private:
+    void addWorker();  // with the lock held
+    void work();
+    int accept(sockaddr_in& peer);  // the next connection, or -1: the server ends
+    void serve(int descriptor, const sockaddr_in& peer);
+    void converse(Socket& socket, const std::string& client);
+    bool enter(int descriptor);
+    void leave(int descriptor, Socket& socket);
+    bool isStopping();
+
+    const Options& options_;
+    Socket listener_;
+
+    std::mutex mutex_;  // guards what follows
+    std::condition_variable left_;
+    std::vector<std::thread> workers_;
+    std::set<int> connections_;  // descriptors; closed only with the lock held
+    bool stopping_ = false;
+};

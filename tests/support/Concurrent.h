@@ -1,0 +1,61 @@
+// A second process and a second thread of a test's own: startChild, Runner.
+#pragma once
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <string>
+#include <thread>
+
+namespace support {
+
+// A child process that runs the body and ends with what the body returned (0 to 255).
+template <class Body>
+pid_t startChild(Body body) {
+    const pid_t child = fork();
+    if (child == 0) _exit(body());
+    return child;
+}
+
+// Waits for the child's end. Its body's result, -1 when a signal ended it.
+inline int resultOf(pid_t child) {
+    int status = -1;
+    while (waitpid(child, &status, 0) == -1 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A thread of which a test can tell, without a clock, whether it blocks. Runs the body at once; the
+// destructor waits for its end. The body must not sleep except in what is tested.
+class Runner {
+  public:
+    template <class Body>
+    explicit Runner(Body body) : thread_([this, body] { tid_ = gettid(), body(), done_ = true; }) {}
+    ~Runner() { thread_.join(); }
+
+    // Waits until the thread sleeps in the kernel (true) or its body has ended (false).
+    bool blocks() const {
+        for (int seen = 0; seen < 5; seen = asleep() ? seen + 1 : 0) {
+            if (done_) return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return true;
+    }
+
+  private:
+    bool asleep() const {
+        std::ifstream file("/proc/self/task/" + std::to_string(tid_) + "/stat");
+        std::string stat;
+        return std::getline(file, stat) && stat[stat.rfind(')') + 2] == 'S';
+    }
+
+    std::atomic<pid_t> tid_{0};
+    std::atomic<bool> done_{false};
+    std::thread thread_;  // last: it uses the others
+};
+
+}  // namespace support
