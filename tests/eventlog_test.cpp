@@ -272,11 +272,11 @@ TEST_F(EventLogTest, ClosingWaitsForTheReportUnderWay) {
 TEST_F(EventLogTest, ReportsMeetOpeningsAndClosings) {
     std::atomic<std::size_t> written{0};
     const auto report = [&] {
-        while (written < 1000)
+        while (written < 300)
             written += ReportSystemEvent(SYS_EVENT_INFO, SYS_EVENT_STOP, "x");
     };
     const auto reopen = [&] {
-        while (written < 1000)
+        while (written < 300)
             OpenSystemEventLog(path.c_str(), "gateway"), CloseSystemEventLog();
     };
     { Runner threads[] = {Runner(report), Runner(report), Runner(reopen), Runner(reopen)}; }

@@ -68,6 +68,7 @@ TEST(HttpResponse, Fields) {
         {"A: 1\r\n\t2\r\n  3:\r\nB:x\r\n\r\n", "|A= 1\r\n\t2\r\n  3:|B=x"},
         {"no colon\r\nA:1\r\n", "|no colon\r\nA=1"},
         {"A:1\nB:2\r\n", "|A=1\nB:2"},
+        {"A:1\r\nBC:23\r\n", "|A=1|BC=23"},  // longer by just one
     };
     for (const auto& [text, fields] : cases)
         EXPECT_EQ(parse(("HTTP/1.1 200 OK\r\n"s + text).c_str(), true), "200 OK"s + fields) << text;

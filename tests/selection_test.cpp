@@ -121,6 +121,16 @@ TEST(ServerSelection, ForcesOnlyWithAnArgumentName) {
     }
 }
 
+TEST(ServerSelection, ForgetsAnOlderSidForAnAddress) {
+    TQuilRequest request;
+    request.SetParamAttribute("QUERY_STRING", ("_UserReference=" + kB).c_str());
+    Recorder client;
+    client.up = "B";
+    client.setSID("s009");
+    EXPECT_TRUE(client.choose(kThree, nullptr, &request));
+    EXPECT_EQ(client.cookies(""), "VelartoClient=shop; Velarto_CGIIP=0A00000246EB");
+}
+
 TEST(ServerSelection, NeedsASectionAndTakesTheWholeListWithoutARequest) {
     Recorder client;
     TQuilRequest request;

@@ -119,7 +119,10 @@ TEST(NetBase, BracketsTheTransportAndStopsWhereABeginSaysSo) {
     stream.goOn = 0;
     EXPECT_FALSE(stream.readBuffer(&got, 1) || stream.writeBuffer(block.data(), 9000));
     EXPECT_TRUE(stream.writeBuffer("x", 1) && !stream.flushBuffer());
-    EXPECT_EQ(stream.calls, "wWwWrRrww");
+    stream.goOn = 1;
+    stream.failingWrite = stream.writes.size() + 1;
+    EXPECT_FALSE(stream.writeBuffer(block.data(), 9000));
+    EXPECT_EQ(stream.calls, "wWwWrRrwwwWwW");
 }
 
 TEST(NetBase, PassesSingleNumbersPastTheBuffer) {
