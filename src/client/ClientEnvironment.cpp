@@ -69,6 +69,7 @@ bool setUpEnvironment(bool oneShot, const char* iniFileName, const char* clientN
     OneShotClient = oneShot;
     if (!ReadClientConfig(true)) return false;
     if (oneShot) return true;
+    ClientThread.DestroyThread();  // one that outlived an earlier clean-up must not hand its stop request on
     ClientThread.SetCallback(kReloadInterval, ClientThreadProc, nullptr);
     return ClientThread.StartNewThread(nullptr, nullptr) == 0;
 }
@@ -88,7 +89,8 @@ bool VeClientInitEnvironment(bool oneShot, const char* iniFileName, const char* 
 
 bool VeClientCleanUp() {
     ClientThread.RequestStop();
-    ClientThread.WaitForThread(kThreadEndTimeout);
+    // A thread that still runs uses the configuration: it keeps it, and the lock.
+    if (ClientThread.WaitForThread(kThreadEndTimeout) != TEvent::kSignalled) return false;
     ClientThread.DestroyThread();
     {
         WriteLock lock(RWLock);

@@ -75,8 +75,8 @@ bool VeClientConnectToServer(ve_hclient_t* connection, ve_hrequest_t* request) {
     if (client == nullptr || record == nullptr) return false;
 
     ReadLock lock(RWLock);
-    if (!lock) return false;
-    if (client->ConnectToQuilServer(record, configStanza, ClientName.GetTextEx(), OneShotClient)) return true;
+    if (lock && client->ConnectToQuilServer(record, configStanza, ClientName.GetTextEx(), OneShotClient))
+        return true;
     clientError.SetErrorMessage("Tried connecting to Velarto Server for client %s on %s",
                                 ClientName.GetTextEx(), client->serverEntry().GetTextEx());
     return false;

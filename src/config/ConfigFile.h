@@ -64,7 +64,8 @@ class ConfigFile {
     // The next three hold one exclusive lock on the file from before it is read until it is written, and the
     // file keeps its old content, whole, unless the new content could be written whole (see LockedFile).
     // A file that is missing, cannot be opened for writing or does not parse fails them, with nothing
-    // changed; so does an image that would not read back, such as a name that the syntax cannot carry.
+    // changed; so does an image that would not parse back to the same sections, such as
+    // one with a name that the syntax cannot carry.
 
     // Writes this image, merged into what the file holds when merge is set; else the file may be missing, and
     // its content does not matter.

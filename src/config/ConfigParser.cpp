@@ -104,15 +104,18 @@ std::unique_ptr<Stanza> ConfigParser::nextStanza() {
     }
     const bool tooLong = std::strlen(tokens_.text()) > kMaxNameLength;
     auto stanza = std::make_unique<Stanza>(tooLong ? "" : tokens_.text());
-    return readAttributes(*stanza) ? std::move(stanza) : nullptr;
+    return readHeaderEnd() && readAttributes(*stanza) ? std::move(stanza) : nullptr;
+}
+
+// Blanks alone are an empty key to the tokenizer.
+bool ConfigParser::readHeaderEnd() {
+    ConfigTokenizer::Token token = tokens_.getToken(false);
+    if (token == ConfigTokenizer::kKey && tokens_.length() == 0) token = tokens_.getToken(false);
+    if (token == ConfigTokenizer::kEndOfLine) return true;
+    return fail("after a section header only blanks and a comment may stand on its line");
 }
 
 bool ConfigParser::readAttributes(Stanza& stanza) {
-    ConfigTokenizer::Token lineEnd = tokens_.getToken(false);
-    const bool isBlankRest = lineEnd == ConfigTokenizer::kKey && *tokens_.text() == '\0';
-    if (isBlankRest) lineEnd = tokens_.getToken(false);
-    if (lineEnd != ConfigTokenizer::kEndOfLine)
-        return fail("after a section header only blanks and a comment may stand on its line");
     for (;;) {
         switch (tokens_.getToken(false)) {
             case ConfigTokenizer::kEndOfLine:

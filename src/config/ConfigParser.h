@@ -41,6 +41,7 @@ class ConfigTokenizer {
 
     // Of a key, header or value token. Valid until the next getToken().
     const char* text() const { return text_.data(); }
+    std::size_t length() const { return text_.size() - 1; }  // what a NUL byte cut off included
 
     // Where the last token begins, counted from 1.
     void locate(std::uint32_t& line, std::uint32_t& column) const;
@@ -75,6 +76,7 @@ class ConfigParser {
   private:
     static constexpr std::uint32_t kMaxNameLength = 254;
 
+    bool readHeaderEnd();
     bool readAttributes(Stanza& stanza);
     bool fail(const char* reason);
 

@@ -218,14 +218,12 @@ FileFault LockedFile::read(CData& out, std::uint32_t maxSize) const {
 
 FileFault LockedFile::replace(const char* bytes, std::uint32_t size) {
     TemporaryFile beside(path_);
-    FileFault fault = FileFault::kNone;
-    if (!isPlain() || !beside.create(status_)) {
-        fault = rewriteInPlace(bytes, size);
-    } else if (!writeAndSync(beside.fd(), bytes, size)) {
-        fault = FileFault::kWrite;
-    } else if (!beside.takePlace()) {
-        fault = rewriteInPlace(bytes, size);
+    bool replaced = false;
+    if (isPlain() && beside.create(status_)) {
+        if (!writeAndSync(beside.fd(), bytes, size)) return FileFault::kWrite;
+        replaced = beside.takePlace();
     }
+    const FileFault fault = replaced ? FileFault::kNone : rewriteInPlace(bytes, size);
     if (fault == FileFault::kNone) created_ = false;
     return fault;
 }

@@ -39,7 +39,8 @@ class Descriptor {
 // a lock therefore checks that it is the lock of the file which the path names now, and else opens again.
 class LockedFile {
   public:
-    // kCreate: as kChange, and creates a missing file. It goes again unless replace() succeeds.
+    // kCreate: as kChange, and creates a missing file. It goes again unless replace() succeeds, or
+    // when it could not even be locked.
     enum Access { kRead, kChange, kCreate };
 
     explicit LockedFile(const CText& path);

@@ -341,9 +341,9 @@ bool Socket::waitUntil(const Deadline& deadline, short events) {
 
 // ---- sending and receiving ----
 
-// One receive or send, tried first: waiting only when it would block saves a system call in most cases and
-// looks the same. What would look different is waited for first: a send of nothing never blocks, and a
-// listening socket is "not connected" at once.
+// One receive or send, tried first: waiting only when it would block saves a system call in most cases and,
+// on a connected socket, looks the same. What would look different is waited for first: a send of nothing
+// never blocks, and a socket that is not connected yet refuses at once.
 template <typename Attempt>
 int Socket::transfer(std::uint32_t size, short events, Attempt attempt) {
     if (!hasDescriptorAndAddress()) {

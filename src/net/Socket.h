@@ -34,8 +34,8 @@ class Socket {
     // Adopts an open descriptor, such as accept() returns; length 0 means the size of an IPv4 address. When
     // it fails, the descriptor is still the caller's.
     bool CreateSocket(int descriptor, const sockaddr* address, std::uint32_t length);
-    // Shuts the connection down and closes it; everything, the time-out too, is as after construction. True
-    // when both system calls succeeded or there was nothing to close.
+    // Shuts the connection down and closes it; the time-out is the default again and there is no address.
+    // True when both system calls succeeded or there was nothing to close.
     bool DestroySocket();
 
     // ---- connection; a result of true means "writable": confirm it with IsActive() ----

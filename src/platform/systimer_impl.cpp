@@ -2,6 +2,7 @@
 
 #include <sys/select.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 
@@ -10,6 +11,13 @@ namespace {
 timeval timeOfDay() {
     timeval now;
     return gettimeofday(&now, nullptr) == 0 ? now : timeval{};
+}
+
+// Unlike the time of day, nobody sets this clock.
+std::int64_t monotonicMicroseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
 
 }  // namespace
@@ -32,12 +40,14 @@ std::uint32_t GetTickCountEx() {
 }
 
 int MilliSleep(std::uint32_t ms) {
-    timeval left;
-    left.tv_sec = static_cast<std::time_t>(ms / 1000);
-    left.tv_usec = static_cast<suseconds_t>(ms % 1000 * 1000);
+    const std::int64_t end = monotonicMicroseconds() + std::int64_t{ms} * 1000;
     int result;
     do {
-        result = select(0, nullptr, nullptr, nullptr, &left);  // Linux leaves the rest of the time in left
+        const std::int64_t left = std::max<std::int64_t>(end - monotonicMicroseconds(), 0);
+        timeval timeout;
+        timeout.tv_sec = static_cast<std::time_t>(left / 1000000);
+        timeout.tv_usec = static_cast<suseconds_t>(left % 1000000);
+        result = select(0, nullptr, nullptr, nullptr, &timeout);
     } while (result == -1 && errno == EINTR);
     return result;
 }

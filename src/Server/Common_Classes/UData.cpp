@@ -149,7 +149,7 @@ std::uint32_t CData::SetEqualTo(const void* src, std::uint32_t len, std::uint32_
             Clear();
             return dataSize_;
         }
-        len = bufferSize_ - reserve;
+        len = std::min(len, bufferSize_ - reserve);
     }
     if (buffer_ != nullptr) {
         moveBytes(buffer_, src, len);

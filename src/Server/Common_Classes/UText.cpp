@@ -284,7 +284,7 @@ std::uint32_t CText::Copy(unsigned char* dest, std::uint32_t destLen, std::uint3
                           std::uint32_t count) const {
     assert(dest != 0 && destLen != 0);
     const std::uint32_t n = CData::Copy(dest, destLen, start, count);
-    dest[std::min(n, destLen - 1)] = 0;
+    if (n == 0 || dest[n - 1] != 0) dest[std::min(n, destLen - 1)] = 0;
     return n == 0 ? 0 : n - 1;
 }
 

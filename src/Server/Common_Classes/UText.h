@@ -68,27 +68,6 @@ class CText : public CData {
     CText& VArgFormat(const char* fmt, std::va_list* args);
     CText& VArgAppFormat(const char* fmt, std::va_list* args);
 
-    // ---- comparison ----
-    int Compare(const char* s) const;                   // as strcasecmp
-    int Compare(const char* s, std::uint32_t n) const;  // over the first n characters
-    bool operator==(const CText& other) const { return Equals(other); }
-    bool operator!=(const CText& other) const { return Compare(other.GetTextEx()) != 0; }
-    bool operator<(const CText& other) const { return Compare(other.GetTextEx()) < 0; }
-    bool operator<=(const CText& other) const { return Compare(other.GetTextEx()) <= 0; }
-    bool operator>(const CText& other) const { return Compare(other.GetTextEx()) > 0; }
-    bool operator>=(const CText& other) const { return Compare(other.GetTextEx()) >= 0; }
-    bool operator==(const char* s) const { return Compare(s) == 0; }
-    bool operator!=(const char* s) const { return Compare(s) != 0; }
-
-    bool Equals(const CData& other) const override;
-    bool Equals(const char* s, std::uint32_t n) const override;  // the first n characters only
-    virtual bool Equals(const CData& other, bool caseSensitive) const;
-    virtual bool Equals(const char* s, std::uint32_t n,
-                        bool caseSensitive) const;  // case-sensitive: the whole text
-    // Compares over the shorter of n and this text's length.
-    virtual bool FirstNEquals(const char* s, std::uint32_t n, bool caseSensitive) const;
-    bool CompareLeft(const CText& prefix) const;
-
     // ---- extraction ----
     void Left(CText& dest, std::uint32_t n) const;
     void Right(CText& dest, std::uint32_t n) const;
@@ -115,6 +94,27 @@ class CText : public CData {
     virtual void ReplaceOccurrence(const CText& from, const CText& to, std::uint32_t n,
                                    bool caseSensitive);  // n from 1
     void Filter(const CText& set, bool remove);          // keeps only, or removes, the characters of set
+
+    // ---- comparison ----
+    int Compare(const char* s) const;                   // as strcasecmp
+    int Compare(const char* s, std::uint32_t n) const;  // over the first n characters
+    bool operator==(const CText& other) const { return Equals(other); }
+    bool operator!=(const CText& other) const { return Compare(other.GetTextEx()) != 0; }
+    bool operator<(const CText& other) const { return Compare(other.GetTextEx()) < 0; }
+    bool operator<=(const CText& other) const { return Compare(other.GetTextEx()) <= 0; }
+    bool operator>(const CText& other) const { return Compare(other.GetTextEx()) > 0; }
+    bool operator>=(const CText& other) const { return Compare(other.GetTextEx()) >= 0; }
+    bool operator==(const char* s) const { return Compare(s) == 0; }
+    bool operator!=(const char* s) const { return Compare(s) != 0; }
+
+    bool Equals(const CData& other) const override;
+    bool Equals(const char* s, std::uint32_t n) const override;  // the first n characters only
+    virtual bool Equals(const CData& other, bool caseSensitive) const;
+    virtual bool Equals(const char* s, std::uint32_t n,
+                        bool caseSensitive) const;  // case-sensitive: the whole text
+    // Compares over the shorter of n and this text's length.
+    virtual bool FirstNEquals(const char* s, std::uint32_t n, bool caseSensitive) const;
+    bool CompareLeft(const CText& prefix) const;
 
     // ---- trimming, padding, folding, quoting ----
     void Trim();                          // blanks, tabs and line feeds at the end
