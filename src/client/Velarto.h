@@ -45,12 +45,12 @@ typedef bool (*VeClientDispatchCallback)(ve_hclient_t* connection, TQUILReqType 
    cannot be used or the thread cannot be started. */
 bool VeClientInitEnvironment(bool oneShot, const char* iniFileName, const char* clientName);
 
-/* Stops the thread and drops the configuration. False when that is not possible. No other call may be under
- * way. */
+/* Stops the thread and drops the configuration. False, with everything left standing, when the thread does not
+   end within ten seconds. No other call may be under way. */
 bool VeClientCleanUp(void);
 
 /* Whether the file name's extension is one of REGISTER_EXTNS (default zaf, zhtml, zml, zcf), letter case
- * ignored. */
+   ignored. */
 bool IsVelartoExtns(const char* path);
 
 /* The truth values SENDFULLHEADER and PARSEFILEPATHS of the client's section; false when none is loaded. */
@@ -73,7 +73,7 @@ bool VeClientConnectToServer(ve_hclient_t* connection, ve_hrequest_t* request);
 bool VeClientSendRequest(ve_hclient_t* connection, ve_hrequest_t* request);
 
 /* Serves the application server's messages until the end message (true), a failure, or a false from the
- * callback. */
+   callback. */
 bool VeClientDispatchRequests(ve_hclient_t* connection, VeClientDispatchCallback callback, void* user);
 
 /* ---- requests ---- */
