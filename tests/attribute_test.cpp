@@ -8,17 +8,12 @@
 #include <vector>
 
 #include "config/AttributeList.h"
+#include "support/Attributes.h"
 
 namespace {
 
-using Pairs = std::vector<std::pair<const char*, const char*>>;
-
-AttributeList listOf(const Pairs& pairs) {
-    AttributeList list;
-    for (const auto& [key, value] : pairs)
-        list.addAttribute(key, value);
-    return list;
-}
+using support::listOf;
+using support::Pairs;
 
 // "key=value|" for each attribute, in order.
 std::string imageOf(const AttributeList& list) {

@@ -10,16 +10,12 @@
 #include <utility>
 #include <vector>
 
+#include "support/Attributes.h"
+
 namespace {
 
-using Pairs = std::vector<std::pair<const char*, const char*>>;
-
-AttributeList listOf(const Pairs& pairs) {
-    AttributeList list;
-    for (const auto& [key, value] : pairs)
-        list.addAttribute(key, value);
-    return list;
-}
+using support::listOf;
+using support::Pairs;
 
 std::string imageOf(Stanza& stanza) {
     std::string image;

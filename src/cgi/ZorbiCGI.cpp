@@ -3,13 +3,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 
 #include "cgi/VeHttpResponse.h"
 #include "client/QuilClientError.h"
+#include "platform/osfile_impl.h"
 
 namespace {
 
@@ -82,19 +82,6 @@ void setStanzaName(const char* programPath) {
     std::snprintf(StanzaName, sizeof StanzaName, "%s", slash != nullptr ? slash + 1 : programPath);
 }
 
-// Reads up to size bytes of standard input, fewer at its end; -1 on a read error.
-long long readBody(unsigned char* buffer, std::uint32_t size) {
-    std::uint32_t got = 0;
-    while (got < size) {
-        const ssize_t n = read(STDIN_FILENO, buffer + got, size - got);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return -1;
-        if (n == 0) break;
-        got += static_cast<std::uint32_t>(n);
-    }
-    return got;
-}
-
 bool readPostArgs(ve_hrequest_t* request, const char* contentLength) {
     // 64 bits wide in every build: a length beyond 32 bits must not turn into a small one.
     const long long length = contentLength != nullptr ? std::strtoll(contentLength, nullptr, 10) : 0;
@@ -102,7 +89,7 @@ bool readPostArgs(ve_hrequest_t* request, const char* contentLength) {
     if (length < 0 || length > 0xFFFFFFFFLL) return false;
     const auto size = static_cast<std::uint32_t>(length);
     unsigned char* buffer = VeRequestGetPostArgBuffer(request, size);
-    return buffer != nullptr && readBody(buffer, size) == length &&
+    return buffer != nullptr && ReadOSFile(STDIN_FILENO, buffer, size) == length &&
            VeRequestSetPostArgDataSize(request, size);
 }
 

@@ -9,8 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/osfile_impl.h"
-
 namespace {
 
 Mutex processMutex{Mutex::kPrivate};
@@ -29,15 +27,6 @@ class ErrnoKeeper {
 
 bool isSameFile(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
-// Repeats call while a signal interrupts it.
-template <class Call>
-auto uninterrupted(Call call) {
-    auto result = call();
-    while (result == -1 && errno == EINTR)
-        result = call();
-    return result;
 }
 
 // Writes all of the bytes to the start of the file; the size only ever grows.
@@ -143,12 +132,6 @@ const char* fileFaultText(FileFault fault) {
             break;
     }
     return "";
-}
-
-void Descriptor::reset(int fd) {
-    const ErrnoKeeper keeper;
-    if (fd_ != -1) ::close(fd_);
-    fd_ = fd;
 }
 
 LockedFile::LockedFile(const CText& path) : path_(path), processLock_(processMutex) {}

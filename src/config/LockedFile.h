@@ -8,26 +8,12 @@
 #include "Server/Common_Classes/UData.h"
 #include "Server/Common_Classes/UText.h"
 #include "platform/mutexobj.h"
+#include "platform/osfile_impl.h"
 
 // The step of a file operation that failed; errno tells why.
 enum class FileFault { kNone, kOpen, kLock, kStatus, kRead, kSize, kWrite };
 
 const char* fileFaultText(FileFault fault);  // "could not open file" and the like, to stand before a path
-
-// An open descriptor, closed at the end of its life. Closing leaves errno alone.
-class Descriptor {
-  public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { reset(-1); }
-
-    int get() const { return fd_; }
-    void reset(int fd);
-
-  private:
-    int fd_;
-};
 
 // Between processes the file is guarded by an fcntl() lock on the whole of it: shared for reading, exclusive
 // for changing; both wait. Such a lock belongs to the process and is lost when any descriptor of the file is

@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 static_assert(sizeof(off_t) == 8, "a 32-bit build needs _FILE_OFFSET_BITS=64");
 
 namespace {
@@ -15,11 +13,7 @@ bool setFileLock(int fd, short type) {
     struct flock lock {};
     lock.l_type = type;
     lock.l_whence = SEEK_SET;
-    int result;
-    do {
-        result = fcntl(fd, F_SETLKW, &lock);
-    } while (result == -1 && errno == EINTR);
-    return result != -1;
+    return uninterrupted([&] { return fcntl(fd, F_SETLKW, &lock); }) != -1;
 }
 
 }  // namespace
@@ -29,11 +23,7 @@ int GetFileStatusInfo(const char*, int fd, struct stat& out) {
 }
 
 bool ChangeOSFileSize(int fd, std::uint32_t size) {
-    int result;
-    do {
-        result = ftruncate(fd, off_t{size});
-    } while (result == -1 && errno == EINTR);
-    return result != -1;
+    return uninterrupted([&] { return ftruncate(fd, off_t{size}); }) != -1;
 }
 
 bool LockOSFile(int fd, bool writeLock) {
@@ -42,4 +32,23 @@ bool LockOSFile(int fd, bool writeLock) {
 
 bool UnLockOSFile(int fd) {
     return setFileLock(fd, F_UNLCK);
+}
+
+std::int64_t ReadOSFile(int fd, void* buffer, std::uint32_t size) {
+    auto* bytes = static_cast<char*>(buffer);
+    std::uint32_t done = 0;
+    while (done < size) {
+        const ssize_t n = uninterrupted([&] { return read(fd, bytes + done, size - done); });
+        if (n == -1) return -1;
+        if (n == 0) break;
+        done += static_cast<std::uint32_t>(n);
+    }
+    return done;
+}
+
+void Descriptor::reset(int fd) {
+    const int keptErrno = errno;
+    if (fd_ != -1) close(fd_);
+    errno = keptErrno;
+    fd_ = fd;
 }
