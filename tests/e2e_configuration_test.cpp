@@ -262,6 +262,7 @@ TEST_F(GatewayConfiguration, EightFirstRunsAtOnceAllFindTheirWayIntoTheFile) {
     for (int round = 0; round < 5; ++round) {
         writeClients("[Velarto Client Definitions]\nshop=\n\n[shop]\na=b\n");
         std::vector<std::unique_ptr<Process>> gateways;
+        gateways.reserve(kClients);
         for (int i = 0; i < kClients; ++i) {
             gateways.push_back(std::make_unique<Process>(command({}, "", "client" + std::to_string(i))));
         }

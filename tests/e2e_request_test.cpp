@@ -77,7 +77,7 @@ TEST_F(GatewayRequest, EveryVariableTravelsUnderItsOwnName) {
     ScriptedPeer& server = serveAlone(kAnswer);
     std::vector<std::string> variables = {"HTTP_SOAPACTION=not read", "HTTP_PLUGIN=not read"};
     for (const std::string& name : wire::kParameters)
-        variables.push_back(name + "=value of " + name);
+        variables.push_back(std::string(name).append("=value of ").append(name));
     run(variables);
 
     const wire::Request request = onlyRequest(server);

@@ -317,9 +317,8 @@ TEST_F(GatewaySelection, ListWrittenWithColonsInsideEntriesIsUnderstoodAndLeft) 
 
 TEST_F(GatewaySelection, OtherMixturesKeepTheUsualSeparators) {
     ScriptedPeer& server = serve(kAnswer);
-    const std::string port = std::to_string(server.port());
-    for (const std::string& list : {"127.0.0.1:" + port + ",x:y", "127.0.0.1:" + port + ",x",
-                                    "127.0.0.1:" + port + ",", ":" + port + ",x:" + port}) {
+    for (const char* rest : {",x:y", ",x", ","}) {
+        const std::string list = "127.0.0.1:" + std::to_string(server.port()) + rest;
         SCOPED_TRACE(list);
         configure(list);
         EXPECT_EQ(run().exitStatus, 602 & 0xFF);

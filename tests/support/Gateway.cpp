@@ -66,7 +66,8 @@ void GatewayTest::TearDown() {
 void GatewayTest::configure(const std::string& servers, const std::string& lines) {
     std::string content = "[Velarto Client Definitions]\nnph-shop=\nshop=\n";
     for (const char* client : {"nph-shop", "shop"}) {
-        content += "\n[" + std::string(client) + "]\nVELARTO_SERVER=" + servers + "\n" + lines;
+        content.append("\n[").append(client).append("]\nVELARTO_SERVER=").append(servers);
+        content.append("\n").append(lines);
     }
     writeFile(clientsFile(), content);
 }

@@ -118,6 +118,10 @@ void Connection::stall() {
     }
 }
 
+void Connection::closeSending() {
+    ::shutdown(descriptor_, SHUT_WR);
+}
+
 void Connection::close() {
     if (descriptor_ >= 0) ::close(std::exchange(descriptor_, -1));
 }

@@ -34,7 +34,8 @@ class Connection {
     // A server's messages one after the other; the gateway acknowledges headers and bodies.
     void serve(const std::vector<std::string>& messages);
 
-    void stall();  // neither sends nor receives until the client goes away or the visits are asked for
+    void stall();         // neither sends nor receives until the client goes away or the visits are asked for
+    void closeSending();  // the client reads an end; its sending goes on
     void close();
     void reset();  // ends the connection with an error for the client
 
