@@ -40,8 +40,6 @@ namespace fs = std::filesystem;
 // Root's web servers run as this user, so that they need no way of their own to become one.
 constexpr uid_t kNobody = 65534;
 
-constexpr int kCurlTimedOut = 28;
-
 bool isRoot() {
     return ::geteuid() == 0;
 }
@@ -90,6 +88,17 @@ std::vector<std::string> processesWith(const std::string& text) {
             found.push_back(replaceAll(line, std::string(1, '\0'), " "));
     }
     return found;
+}
+
+// Whether the condition holds within a time that is long enough for everything.
+template <typename Condition>
+bool comesTrue(Condition condition) {
+    const auto end = std::chrono::steady_clock::now() + 30s;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
 }
 
 struct WebServer {
@@ -242,22 +251,26 @@ class Web : public testing::TestWithParam<WebServer> {
         FAIL() << web_->err();
     }
 
-    // Requests a page, "CLIENT/PATH", with further options of curl, which has to end with this status.
-    Response get(const std::string& page, const std::vector<std::string>& options = {}, int curlStatus = 0) {
-        const std::string header = base_ / "curl.header";
-        const std::string body = base_ / "curl.body";
-        fs::remove(header);
-        fs::remove(body);
+    // A browser's request for a page, "CLIENT/PATH", with further options of curl.
+    Command curl(const std::string& page, const std::vector<std::string>& options = {}) const {
         Command command;
         command.program = "/usr/bin/curl";
-        command.arguments = {"curl", "-sS", "--max-time", "60", "-D", header, "-o", body};
+        command.arguments = {"curl", "-sS", "--max-time", "60", "-D", header(), "-o", body()};
         command.arguments.insert(command.arguments.end(), options.begin(), options.end());
         command.arguments.push_back("http://127.0.0.1:" + std::to_string(port_) + "/cgi-bin/" + page);
-        const Outcome outcome = support::run(command, 70s);
-        EXPECT_EQ(outcome.exitStatus, curlStatus) << outcome.err;
-        return {fs::exists(header) ? readFile(header) : "", fs::exists(body) ? readFile(body) : ""};
+        return command;
     }
 
+    Response get(const std::string& page, const std::vector<std::string>& options = {}) const {
+        fs::remove(header());
+        fs::remove(body());
+        const Outcome outcome = support::run(curl(page, options), 70s);
+        EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
+        return {fs::exists(header()) ? readFile(header()) : "", fs::exists(body()) ? readFile(body()) : ""};
+    }
+
+    std::string header() const { return base_ / "curl.header"; }
+    std::string body() const { return base_ / "curl.body"; }
     std::string gateways() const { return base_ / "htdocs/cgi-bin/"; }
     std::string clientsFile() const { return base_ / "configuration/clients.ini"; }
 
@@ -281,12 +294,8 @@ class Web : public testing::TestWithParam<WebServer> {
         web_ = std::make_unique<Process>(command);
 
         const std::string log = base_ / "run/error.log";
-        const auto end = std::chrono::steady_clock::now() + 10s;
-        while (web_->running() && std::chrono::steady_clock::now() < end) {
-            if (fs::exists(log) && has(readFile(log), GetParam().ready)) return true;
-            std::this_thread::sleep_for(10ms);
-        }
-        return false;
+        const auto listens = [&] { return fs::exists(log) && has(readFile(log), GetParam().ready); };
+        return comesTrue([&] { return !web_->running() || listens(); }) && web_->running();
     }
 
     std::unique_ptr<Process> web_;
@@ -344,14 +353,11 @@ TEST_P(Web, GatewayEndsWhenTheBrowserGoesAway) {
     ApplicationServer server("s001");
     start({{"shop", server.entry()}});
 
-    // An answer of an hour, given up in its first second.
-    const Response page =
-        get("shop/stream?pieces=90000&size=4096&delay=40", {"--max-time", "1"}, kCurlTimedOut);
-    EXPECT_EQ(page.status(), 200);
-    const auto end = std::chrono::steady_clock::now() + 30s;
-    while (!processesWith(gateways()).empty() && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(20ms);
-    EXPECT_EQ(processesWith(gateways()), std::vector<std::string>());
+    Process browser(curl("shop/stream?pieces=90000&size=4096&delay=40"));  // an answer of an hour
+    EXPECT_TRUE(comesTrue([&] { return fs::exists(body()) && fs::file_size(body()) > 0; }));
+    EXPECT_EQ(processesWith(gateways()).size(), 1U);
+    browser.kill(SIGKILL);
+    EXPECT_TRUE(comesTrue([&] { return processesWith(gateways()).empty(); }));
 }
 
 TEST_P(Web, UserStaysWithHisServer) {
