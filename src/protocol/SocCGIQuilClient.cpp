@@ -3,7 +3,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -28,12 +30,22 @@ bool SocCGIQuilClient::connectToServer(const char* host, const char* port) {
         socket_.DestroySocket();
         return false;
     }
+    aheadPosition_ = aheadFill_ = 0;
     setServer(addressText, port, ntohl(peer.sin_addr.s_addr), ntohs(peer.sin_port));
     return true;
 }
 
 std::uint32_t SocCGIQuilClient::readFromTransport(void* dst, std::uint32_t len) {
-    return static_cast<std::uint32_t>(socket_.Receive(static_cast<char*>(dst), len, 0));
+    if (aheadPosition_ == aheadFill_) {
+        const int received = socket_.Receive(ahead_, kReadAhead, 0);
+        if (received <= 0) return static_cast<std::uint32_t>(received);
+        aheadPosition_ = 0;
+        aheadFill_ = static_cast<std::uint32_t>(received);
+    }
+    const std::uint32_t n = std::min(len, aheadFill_ - aheadPosition_);
+    std::memcpy(dst, ahead_ + aheadPosition_, n);
+    aheadPosition_ += n;
+    return n;
 }
 
 std::uint32_t SocCGIQuilClient::writeToTransport(const void* src, std::uint32_t len) {

@@ -9,7 +9,7 @@
 // The only place where a stream and a socket know each other. Numbers travel in network byte order.
 class SocCGIQuilClient : public QuilClient {
   public:
-    SocCGIQuilClient() = default;
+    SocCGIQuilClient() {}  // leaves the receive buffer untouched: most answers need a page of it
     SocCGIQuilClient(const SocCGIQuilClient&) : QuilClient() {}  // a fresh client
     SocCGIQuilClient& operator=(const SocCGIQuilClient&) {
         return *this;
@@ -30,5 +30,12 @@ class SocCGIQuilClient : public QuilClient {
     using QuilClient::connectToServer;
 
   private:
+    // The stream asks for 4 KB at a time. One receive takes what has come, up to this, and serves several of its
+    // refills: a large answer costs an eighth of the system calls.
+    static constexpr std::uint32_t kReadAhead = 32768;
+
     Socket socket_;
+    std::uint32_t aheadPosition_ = 0;  // next byte to hand out
+    std::uint32_t aheadFill_ = 0;      // received
+    char ahead_[kReadAhead];
 };
