@@ -32,7 +32,7 @@ class Lists {
 
     void clear() {
         while (!isEmpty())
-            removeHead();
+            unlink(&head_);
     }
 
     bool isEmpty() const { return head_ == nullptr; }
