@@ -1,24 +1,17 @@
 // The gateway under real web servers, Apache's mod_cgid and lighttpd's mod_cgi, driven by curl. Each test has
-// a web server of its own on the loopback address, with all its files in a temporary folder; the part of its
-// configuration that concerns the gateway is that of examples/.
+// a web server and two application servers of its own on the loopback address, all files in a temporary
+// folder; the part of the web server's configuration that concerns the gateway is that of examples/.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
-#include <ostream>
 #include <random>
-#include <sstream>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -40,54 +33,25 @@ namespace fs = std::filesystem;
 // Root's web servers run as this user, so that they need no way of their own to become one.
 constexpr uid_t kNobody = 65534;
 
-bool isRoot() {
-    return ::geteuid() == 0;
-}
-
 std::string replaceAll(std::string text, const std::string& what, const std::string& by) {
     for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size())
         text.replace(at, what.size(), by);
     return text;
 }
 
-bool has(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 testing::AssertionResult contains(const std::string& text, const std::string& part) {
-    if (has(text, part)) return testing::AssertionSuccess();
+    if (text.find(part) != std::string::npos) return testing::AssertionSuccess();
     return testing::AssertionFailure() << "no '" << part << "' in:\n" << text;
 }
 
-testing::AssertionResult startsWith(const std::string& text, const std::string& start) {
-    if (text.compare(0, start.size(), start) == 0) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "no '" << start << "' at the start of:\n" << text;
-}
-
-// A port that nobody listens on.
-std::uint16_t freePort() {
-    const int descriptor = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    const bool known = ::bind(descriptor, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
-                       ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) == 0;
-    ::close(descriptor);
-    if (!known) throw std::runtime_error("no free port");
-    return ntohs(address.sin_port);
-}
-
-// The command lines of all processes that have this text in theirs.
-std::vector<std::string> processesWith(const std::string& text) {
-    std::vector<std::string> found;
+int processesWith(const std::string& text) {  // in their command lines
+    int count = 0;
     for (const fs::directory_entry& process : fs::directory_iterator("/proc")) {
         std::ifstream file(process.path() / "cmdline", std::ios::binary);
-        const std::string line(std::istreambuf_iterator<char>(file), {});
-        if (line.find(text) != std::string::npos)
-            found.push_back(replaceAll(line, std::string(1, '\0'), " "));
+        std::string line;
+        count += std::getline(file, line) && contains(line, text) ? 1 : 0;
     }
-    return found;
+    return count;
 }
 
 // Whether the condition holds within a time that is long enough for everything.
@@ -106,14 +70,10 @@ struct WebServer {
     std::vector<std::string> command;  // followed by the path of the configuration
     const char* configuration;         // @BASE@ and @PORT@ are filled in, the example is appended
     const char* example;
-    const char* ready;  // stands in the error log once the server listens
-    bool (*isTrouble)(const std::string& logLine);
-    bool passesStatusLine;  // what an "nph-" program writes goes out as it is
+    const char* ready;          // stands in the error log once the server listens
+    const char* harmless;       // stands in those lines of the error log that are no complaint
+    const char* nphStatusLine;  // of an "nph-" program: its own, or one made from it
 };
-
-void PrintTo(const WebServer& server, std::ostream* out) {
-    *out << server.name;
-}
 
 const WebServer kApache = {"Apache",
                            {"/usr/sbin/apache2", "-DFOREGROUND", "-f"},
@@ -130,19 +90,14 @@ LoadModule authz_core_module /usr/lib/apache2/modules/mod_authz_core.so
 LoadModule alias_module /usr/lib/apache2/modules/mod_alias.so
 LoadModule env_module /usr/lib/apache2/modules/mod_env.so
 LoadModule cgid_module /usr/lib/apache2/modules/mod_cgid.so
-ServerLimit 1
-StartServers 1
-ThreadsPerChild 8
-MaxRequestWorkers 8
-MinSpareThreads 1
 ScriptSock "@BASE@/run/cgid"
 DocumentRoot "@BASE@/htdocs"
 SetEnv ASAN_OPTIONS "log_path=@BASE@/run/sanitizer"
 )",
                            "apache.conf",
                            "resuming normal operations",
-                           [](const std::string& logLine) { return !has(logLine, ":notice]"); },
-                           true};
+                           ":notice]",
+                           "HTTP/1.0 404 Not Found\r\n"};
 
 const WebServer kLighttpd = {"Lighttpd",
                              {"/usr/sbin/lighttpd", "-D", "-f"},
@@ -155,21 +110,16 @@ setenv.add-environment = ("ASAN_OPTIONS" => "log_path=@BASE@/run/sanitizer")
 )",
                              "lighttpd.conf",
                              "server started",
-                             [](const std::string& logLine) {
-                                 return !has(logLine, "server started") && !has(logLine, "server stopped");
-                             },
-                             false};
+                             "server st",  // started, stopped
+                             "HTTP/1.1 404 Not Found\r\n"};
 
 // A development application server with an identifier.
 class ApplicationServer {
   public:
     explicit ApplicationServer(const std::string& sid) : process_(command(sid)) {
-        const std::string announcement = "velarto-devserver listening on 127.0.0.1:";
         EXPECT_TRUE(process_.waitForOut("\n", 10s)) << process_.err();
         const std::string line = process_.out();
-        EXPECT_TRUE(startsWith(line, announcement));
-        const std::string port =
-            std::to_string(std::atoi(line.c_str() + std::min(line.size(), announcement.size())));
+        const std::string port = std::to_string(std::atoi(line.substr(line.rfind(':') + 1).c_str()));
         entry_ = sid + ",127.0.0.1," + port;
         signature_ = "answered by 127.0.0.1:" + port + " (" + sid + ")";
     }
@@ -209,8 +159,27 @@ class Web : public testing::TestWithParam<WebServer> {
     void SetUp() override {
         for (const char* folder : {"configuration", "htdocs", "htdocs/cgi-bin", "run"})
             fs::create_directory(base_ / folder);
-        for (const char* client : {"shop", "nph-shop", "first", "second", "newcomer"})
+        const std::string both = first_.entry() + ":" + second_.entry();
+        const std::string clients[][2] = {
+            {"first", first_.entry()}, {"second", second_.entry()}, {"shop", both},
+            {"nph-shop", both},        {"nobody", "127.0.0.1,1"},   {"nph-nobody", "127.0.0.1,1"}};
+        std::string directory = "[Velarto Client Definitions]\n";
+        std::string sections;
+        for (const auto& [client, servers] : clients) {
             fs::copy_file(VELARTO_CGI_PATH, gateways() + client);
+            directory += client + "=\n";
+            sections += "\n[" + client + "]\nVELARTO_SERVER=" + servers + "\n";
+        }
+        writeFile(base_ / "configuration/clients.ini", directory + sections);
+        if (::geteuid() == 0) {
+            fs::permissions(base_.path(), fs::perms(0755));
+            for (const fs::directory_entry& entry : fs::recursive_directory_iterator(base_.path()))
+                ASSERT_EQ(::chown(entry.path().c_str(), kNobody, kNobody), 0);
+        }
+        // Below the ports that the system hands out; somebody else may listen on one of them.
+        for (int attempt = 0; attempt < 5; ++attempt)
+            if (startWebServer(10000 + (::getpid() + attempt * 1000) % 20000)) return;
+        FAIL() << web_->err();
     }
 
     // Whatever the test was about: the web server stops when asked to, nothing stays behind, and neither the
@@ -219,36 +188,12 @@ class Web : public testing::TestWithParam<WebServer> {
         if (web_ == nullptr) return;
         web_->kill(SIGTERM);
         EXPECT_TRUE(web_->wait(20s).endedByItself);
-        EXPECT_EQ(processesWith(base_.path()), std::vector<std::string>());
-
-        std::istringstream log(readFile(base_ / "run/error.log"));
+        EXPECT_EQ(processesWith(base_.path()), 0);
+        std::ifstream log(base_ / "run/error.log");
         for (std::string line; std::getline(log, line);)
-            EXPECT_FALSE(GetParam().isTrouble(line)) << line;
-        for (const fs::directory_entry& file : fs::directory_iterator(base_ / "run")) {
-            const std::string name = file.path().filename();
-            if (name.rfind("sanitizer", 0) == 0) ADD_FAILURE() << readFile(file.path());
-        }
-    }
-
-    // Configures these clients with their server lists and starts the web server.
-    void start(const std::vector<std::pair<std::string, std::string>>& clients) {
-        std::string directory = "[Velarto Client Definitions]\n";
-        std::string sections;
-        for (const auto& [client, servers] : clients) {
-            directory += client + "=\n";
-            sections += "\n[" + client + "]\nVELARTO_SERVER=" + servers + "\n";
-        }
-        writeFile(clientsFile(), directory + sections);
-        if (isRoot()) {
-            fs::permissions(base_.path(), fs::perms(0755));
-            for (const fs::directory_entry& entry : fs::recursive_directory_iterator(base_.path()))
-                ASSERT_EQ(::chown(entry.path().c_str(), kNobody, kNobody), 0);
-        }
-        // Somebody else may take the free port first.
-        for (int attempt = 0; attempt < 5; ++attempt) {
-            if (startWebServer()) return;
-        }
-        FAIL() << web_->err();
+            EXPECT_TRUE(contains(line, GetParam().harmless));
+        for (const fs::directory_entry& file : fs::directory_iterator(base_ / "run"))
+            EXPECT_FALSE(contains(file.path().filename(), "sanitizer")) << readFile(file.path());
     }
 
     // A browser's request for a page, "CLIENT/PATH", with further options of curl.
@@ -257,7 +202,7 @@ class Web : public testing::TestWithParam<WebServer> {
         command.program = "/usr/bin/curl";
         command.arguments = {"curl", "-sS", "--max-time", "60", "-D", header(), "-o", body()};
         command.arguments.insert(command.arguments.end(), options.begin(), options.end());
-        command.arguments.push_back("http://127.0.0.1:" + std::to_string(port_) + "/cgi-bin/" + page);
+        command.arguments.push_back("http://127.0.0.1:" + port_ + "/cgi-bin/" + page);
         return command;
     }
 
@@ -272,55 +217,51 @@ class Web : public testing::TestWithParam<WebServer> {
     std::string header() const { return base_ / "curl.header"; }
     std::string body() const { return base_ / "curl.body"; }
     std::string gateways() const { return base_ / "htdocs/cgi-bin/"; }
-    std::string clientsFile() const { return base_ / "configuration/clients.ini"; }
 
     support::TempDir base_;
+    ApplicationServer first_{"s001"};
+    ApplicationServer second_{"s002"};
 
   private:
-    bool startWebServer() {
-        port_ = freePort();
+    bool startWebServer(int port) {
+        port_ = std::to_string(port);
+        const std::string log = base_ / "run/error.log";
+        fs::remove(log);
         const std::string example = readFile(std::string(VELARTO_EXAMPLES_PATH "/") + GetParam().example);
         std::string configuration =
             GetParam().configuration + replaceAll(example, "/usr/local/VelartoServer/5.5", "@BASE@");
         configuration = replaceAll(configuration, "@BASE@", base_.path());
-        configuration = replaceAll(configuration, "@PORT@", std::to_string(port_));
+        configuration = replaceAll(configuration, "@PORT@", port_);
         writeFile(base_ / "web.conf", configuration);
 
         Command command;
         command.arguments = GetParam().command;
         command.arguments.push_back(base_ / "web.conf");
         command.program = command.arguments.front();
-        if (isRoot()) command.user = kNobody;
+        if (::geteuid() == 0) command.user = kNobody;
         web_ = std::make_unique<Process>(command);
 
-        const std::string log = base_ / "run/error.log";
-        const auto listens = [&] { return fs::exists(log) && has(readFile(log), GetParam().ready); };
+        const auto listens = [&] { return fs::exists(log) && contains(readFile(log), GetParam().ready); };
         return comesTrue([&] { return !web_->running() || listens(); }) && web_->running();
     }
 
     std::unique_ptr<Process> web_;
-    std::uint16_t port_ = 0;
+    std::string port_;
 };
 
 INSTANTIATE_TEST_SUITE_P(Under, Web, testing::Values(kApache, kLighttpd),
                          [](const auto& server) { return server.param.name; });
 
 TEST_P(Web, PageComesThrough) {
-    ApplicationServer server("s001");
-    start({{"shop", server.entry()}});
-
-    const Response page = get("shop/?greeting=hello", {"-b", "a=1"});
+    const Response page = get("first/?greeting=hello", {"-b", "a=1"});
     EXPECT_EQ(page.status(), 200);
     EXPECT_TRUE(contains(page.header, "\r\nContent-Type: text/html; charset=utf-8\r\n"));
     EXPECT_TRUE(contains(page.body, "greeting=hello"));
-    EXPECT_TRUE(contains(page.body, "a=1; VelartoClient=shop"));
-    EXPECT_TRUE(contains(page.body, server.signature()));
+    EXPECT_TRUE(contains(page.body, "a=1; VelartoClient=first"));
+    EXPECT_TRUE(contains(page.body, first_.signature()));
 }
 
 TEST_P(Web, LongBinaryBodyComesBackUnchanged) {
-    ApplicationServer server("s001");
-    start({{"shop", server.entry()}});
-
     std::mt19937 random(5);
     std::string bytes(5 * 1024 * 1024, '\0');
     for (char& byte : bytes)
@@ -335,9 +276,6 @@ TEST_P(Web, LongBinaryBodyComesBackUnchanged) {
 }
 
 TEST_P(Web, VeryLongAnswerArrivesWhole) {
-    ApplicationServer server("s001");
-    start({{"shop", server.entry()}});
-
     constexpr std::uint32_t kSize = 100 * 1024 * 1024;
     const Response page = get("shop/blob?size=" + std::to_string(kSize));
     EXPECT_EQ(page.status(), 200);
@@ -350,52 +288,30 @@ TEST_P(Web, VeryLongAnswerArrivesWhole) {
 }
 
 TEST_P(Web, GatewayEndsWhenTheBrowserGoesAway) {
-    ApplicationServer server("s001");
-    start({{"shop", server.entry()}});
-
     Process browser(curl("shop/stream?pieces=90000&size=4096&delay=40"));  // an answer of an hour
     EXPECT_TRUE(comesTrue([&] { return fs::exists(body()) && fs::file_size(body()) > 0; }));
-    EXPECT_EQ(processesWith(gateways()).size(), 1U);
+    EXPECT_EQ(processesWith(gateways()), 1);
     browser.kill(SIGKILL);
-    EXPECT_TRUE(comesTrue([&] { return processesWith(gateways()).empty(); }));
+    EXPECT_TRUE(comesTrue([&] { return processesWith(gateways()) == 0; }));
 }
 
-TEST_P(Web, UserStaysWithHisServer) {
-    ApplicationServer first("s001");
-    ApplicationServer second("s002");
-    start({{"first", first.entry()},
-           {"second", second.entry()},
-           {"shop", first.entry() + ":" + second.entry()}});
-
+TEST_P(Web, UserStaysWithHisServerUntilItStops) {
     const std::string jar = base_ / "cookies";
-    for (const auto& [client, server] : {std::pair("first", &first), std::pair("second", &second)}) {
+    for (const auto& [client, server] : {std::pair("second", &second_), std::pair("first", &first_)}) {
         get(client + std::string("/login"), {"-c", jar});
         for (int round = 0; round < 4; ++round)
             EXPECT_TRUE(contains(get("shop/", {"-b", jar}).body, server->signature()));
     }
-}
-
-TEST_P(Web, AnotherServerTakesOverWhenOneStops) {
-    ApplicationServer first("s001");
-    ApplicationServer second("s002");
-    start({{"first", first.entry()}, {"shop", first.entry() + ":" + second.entry()}});
-
-    const std::string jar = base_ / "cookies";
-    get("first/login", {"-c", jar});
-    EXPECT_TRUE(contains(get("shop/", {"-b", jar}).body, first.signature()));
-    first.stop();
-    EXPECT_TRUE(contains(get("shop/", {"-b", jar}).body, second.signature()));
-    EXPECT_TRUE(contains(get("shop/").body, second.signature()));
+    first_.stop();
+    EXPECT_TRUE(contains(get("shop/", {"-b", jar}).body, second_.signature()));
+    EXPECT_TRUE(contains(get("shop/").body, second_.signature()));
 }
 
 TEST_P(Web, DocumentIsReadBesideTheWebServer) {
-    ApplicationServer server("s001");
-    writeFile(base_ / "htdocs/price.zml", "<p>{{SCRIPT_NAME}} has {{PATH_INFO}}\n");
-    start({{"nph-shop", server.entry()}});
-
-    const Response page = get("nph-shop/price.zml");
+    writeFile(base_ / "htdocs/price.zml", "<p>{{SCRIPT_NAME}}, {{QUERY_STRING}}, {{nosuch}}, {{\n");
+    const Response page = get("nph-shop/price.zml?a&b");
     EXPECT_EQ(page.status(), 200);
-    EXPECT_EQ(page.body, "<p>/cgi-bin/nph-shop has /price.zml\n");
+    EXPECT_EQ(page.body, "<p>/cgi-bin/nph-shop, a&amp;b, {{nosuch}}, {{\n");
 
     const Response missing = get("nph-shop/cost.zml");
     EXPECT_EQ(missing.status(), 404);
@@ -403,44 +319,21 @@ TEST_P(Web, DocumentIsReadBesideTheWebServer) {
 }
 
 TEST_P(Web, NobodyThereIsAnErrorPage) {
-    const std::string port = std::to_string(freePort());
-    start({{"shop", "127.0.0.1," + port}, {"nph-shop", "127.0.0.1," + port}});
-
-    for (const auto& [client, status] : {std::pair<std::string, int>("shop", 200), {"nph-shop", 500}}) {
+    for (const auto& [client, status] : {std::pair<std::string, int>("nobody", 200), {"nph-nobody", 500}}) {
         const Response page = get(client + "/");
         EXPECT_EQ(page.status(), status);
         EXPECT_TRUE(contains(page.body, "Error Code: 602<br />"));
-        EXPECT_TRUE(contains(
-            page.body, "Tried connecting to Velarto Server for client " + client + " on 127.0.0.1," + port));
+        EXPECT_TRUE(contains(page.body, "Velarto Server for client " + client + " on 127.0.0.1,1"));
     }
 }
 
 TEST_P(Web, NphProgramMakesTheStatusLine) {
-    ApplicationServer server("s001");
-    start({{"nph-shop", server.entry()}});
-
     const Response missing = get("nph-shop/status?code=404");
+    EXPECT_EQ(missing.header.find(GetParam().nphStatusLine), 0U) << missing.header;
+    EXPECT_TRUE(contains(missing.body, "answered by 127.0.0.1:"));
     const Response moved = get("nph-shop/status?code=302&location=/elsewhere");
-    EXPECT_EQ(missing.status(), 404);
-    EXPECT_TRUE(contains(missing.body, server.signature()));
     EXPECT_EQ(moved.status(), 302);
     EXPECT_TRUE(contains(moved.header, "\r\nLocation: /elsewhere\r\n"));
-    if (GetParam().passesStatusLine) {
-        EXPECT_TRUE(startsWith(missing.header, "HTTP/1.0 404 Not Found\r\n"));
-        EXPECT_TRUE(startsWith(moved.header, "HTTP/1.0 302 Found\r\n"));
-        EXPECT_FALSE(contains(missing.header + moved.header, "\r\nDate:"));
-    } else {
-        EXPECT_TRUE(startsWith(missing.header, "HTTP/1.1 404 Not Found\r\n"));
-        EXPECT_TRUE(startsWith(moved.header, "HTTP/1.1 302 Found\r\n"));
-    }
-}
-
-TEST_P(Web, NewClientIsAddedToTheConfiguration) {
-    start({});
-
-    get("newcomer/");
-    EXPECT_EQ(readFile(clientsFile()),
-              "[Velarto Client Definitions]\nnewcomer=\n\n[newcomer]\nVELARTO_SERVER=127.0.0.1,18155\n\n");
 }
 
 TEST(WebExamples, StandInTheReadme) {

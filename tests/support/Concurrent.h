@@ -5,8 +5,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <chrono>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -24,9 +22,7 @@ pid_t startChild(Body body) {
 // Waits for the child's end. Its body's result, -1 when a signal ended it.
 inline int resultOf(pid_t child) {
     int status = -1;
-    while (waitpid(child, &status, 0) == -1 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // A thread of which a test can tell, without a clock, whether it blocks. Runs the body at once; the
@@ -39,11 +35,9 @@ class Runner {
 
     // Waits until the thread sleeps in the kernel (true) or its body has ended (false).
     bool blocks() const {
-        for (int seen = 0; seen < 5; seen = asleep() ? seen + 1 : 0) {
-            if (done_) return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return true;
+        for (int seen = 0; seen < 5 && !done_; seen = asleep() ? seen + 1 : 0)
+            usleep(1000);
+        return !done_;
     }
 
   private:

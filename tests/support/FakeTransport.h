@@ -25,11 +25,9 @@ class FakeTransport : public Stream {
     bool inputEndsInError = false;  // or the read fails
     std::size_t pieceSize = 4096;   // no read yields more
     std::set<std::size_t> cuts;     // no read goes past one of these places in the input
-    std::size_t reads = 0;          // that yielded something
 
     std::vector<std::string> writes;
-    std::size_t failingWrite = kNever;  // the number of the write, from 0, that fails ...
-    bool failsShort = false;            // ... by taking one byte less
+    std::size_t failingWrite = kNever;  // the number of the write, from 0, that fails
 
     std::string written() const {
         std::string all;
@@ -47,14 +45,13 @@ class FakeTransport : public Stream {
         if (readEnded_) return inputEndsInError ? NetBase::kTransportError : 0;
         std::memcpy(dst, input.data() + position_, n);
         position_ += n;
-        ++reads;
         return static_cast<std::uint32_t>(n);
     }
 
     std::uint32_t writeToTransport(const void* src, std::uint32_t len) override {
         EXPECT_FALSE(writeFailed_) << "wrote again after a failure";
         writeFailed_ = writes.size() == failingWrite;
-        if (writeFailed_) return failsShort ? len - 1 : NetBase::kTransportError;
+        if (writeFailed_) return NetBase::kTransportError;
         writes.emplace_back(static_cast<const char*>(src), len);
         return len;
     }
