@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-
 #include "support/Gateway.h"
 
 namespace {
@@ -19,23 +17,18 @@ class GatewayRequest : public GatewayTest {
         EXPECT_EQ(server.visits().size(), 1u);
         return server.visits().empty() ? wire::Request() : server.visits().front().request;
     }
-
-    void setFileTime(const std::string& path, std::time_t seconds) {
-        const timespec times[2] = {{seconds, 0}, {seconds, 0}};
-        ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-    }
 };
 
 TEST_F(GatewayRequest, ConversationIsByteExact) {
     ScriptedPeer& server = serveAlone(kAnswer);
     writeFile(folder_ / "page.zml", "");
-    setFileTime(folder_ / "page.zml", 0x5E0BE100);
+    const timespec times[2] = {{0x5E0BE100, 0}, {0x5E0BE100, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, (folder_ / "page.zml").c_str(), times, 0), 0);
 
-    const Outcome outcome = run({"QUERY_STRING=a=1&b=2", "PATH_TRANSLATED=../page.zml", "REQUEST_METHOD=POST",
-                                 "HTTP_COOKIE=c=3", "SOAPACTION=\"urn:x\""},
-                                "x=y");
-    expectSuccess(outcome, kAnswerOutput);
-
+    expectSuccess(run({"QUERY_STRING=a=1&b=2", "PATH_TRANSLATED=../page.zml", "REQUEST_METHOD=POST",
+                       "HTTP_COOKIE=c=3", "SOAPACTION=\"urn:x\""},
+                      "x=y"),
+                  kAnswerOutput);
     ASSERT_EQ(server.visits().size(), 1u);
     // clang-format off
     EXPECT_EQ(server.visits()[0].received,
@@ -95,19 +88,14 @@ TEST_F(GatewayRequest, BytesOfAnyKindTravelUnchanged) {
     std::string every;
     for (int byte = 1; byte < 256; ++byte)
         every.push_back(static_cast<char>(byte));
-    const std::string cases[] = {"'single' \"double\" `back`", "a\r\nb\tc\\n%00%n%s", every,
-                                 std::string(65536, 'q')};
-    for (const std::string& value : cases) {
+    for (const std::string& value : {"a\r\nb\tc\\n%00%n%s"s, every, std::string(65536, 'q')}) {
         SCOPED_TRACE(value.substr(0, 40));
         ScriptedPeer& server = serveAlone(kAnswer);
-        run({"QUERY_STRING=" + value, "HTTP_COOKIE=" + value, "HTTP_USER_AGENT=" + value,
-             "PATH_INFO=" + value, "PATH_TRANSLATED=" + value},
-            value);
+        run({"QUERY_STRING=" + value, "HTTP_COOKIE=" + value, "PATH_TRANSLATED=" + value}, value);
         wire::Request request = onlyRequest(server);
         EXPECT_EQ(request.post, value);
+        EXPECT_EQ(request.fileTime, 0u);
         EXPECT_EQ(request["QUERY_STRING"], value);
-        EXPECT_EQ(request["HTTP_USER_AGENT"], value);
-        EXPECT_EQ(request["PATH_INFO"], value);
         EXPECT_EQ(request["PATH_TRANSLATED"], value);
         EXPECT_EQ(request["HTTP_COOKIE"], value + "; VelartoClient=shop");
     }
@@ -115,7 +103,7 @@ TEST_F(GatewayRequest, BytesOfAnyKindTravelUnchanged) {
 
 // Around the sizes at which the stream's buffer is full, and far beyond every buffer on the way.
 TEST_F(GatewayRequest, BodiesOfAnySizeArriveWhole) {
-    for (const std::size_t size : {1u, 4079u, 4080u, 4081u, 4095u, 4096u, 4097u, 8192u, 70000u, 10000000u}) {
+    for (const std::size_t size : {1u, 4079u, 4080u, 4081u, 4096u, 70000u, 10000000u}) {
         SCOPED_TRACE(size);
         std::string body(size, '\0');
         for (std::size_t i = 0; i < size; ++i)
@@ -130,30 +118,20 @@ TEST_F(GatewayRequest, BodiesOfAnySizeArriveWhole) {
 }
 
 TEST_F(GatewayRequest, ContentLengthDecidesHowMuchIsRead) {
-    const struct {
-        const char* contentLength;  // null: not set
-        const char* body;
-        const char* parameter;
-    } cases[] = {
-        {nullptr, "", "0"},       {"", "", ""},       {"0", "", "0"},     {"-0", "", "-0"},
-        {"abc", "", "abc"},       {"0x4", "", "0x4"}, {"4", "abcd", "4"}, {" +4x", "abcd", " +4x"},
-        {"0004", "abcd", "0004"}, {"3", "abc", "3"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.parameter);
+    const std::pair<const char*, const char*> cases[] = {
+        {"", ""}, {"0", ""}, {"-0", ""}, {"abc", ""}, {"4", "abcd"}, {" +4x", "abcd"}, {"3", "abc"}};
+    for (const auto& [length, body] : cases) {
+        SCOPED_TRACE(length);
         ScriptedPeer& server = serveAlone(kAnswer);
-        std::vector<std::string> variables;
-        if (c.contentLength != nullptr) variables = {"CONTENT_LENGTH="s + c.contentLength};
-        Command command = this->command(variables);
-        command.input = "abcd";  // what is too much stays unread
-        expectSuccess(runCommand(command), kAnswerOutput);
+        // What is too much stays unread.
+        expectSuccess(run({"CONTENT_LENGTH="s + length}, "abcd"), kAnswerOutput);
         wire::Request request = onlyRequest(server);
-        EXPECT_EQ(request.post, c.body);
-        EXPECT_EQ(request["CONTENT_LENGTH"], c.parameter);
+        EXPECT_EQ(request.post, body);
+        EXPECT_EQ(request["CONTENT_LENGTH"], length);
     }
 }
 
-TEST_F(GatewayRequest, LengthsThatTheBodyDoesNotMeetFailThePreparation) {
+TEST_F(GatewayRequest, BodyThatCannotBeReadFailsThePreparation) {
     ScriptedPeer& server = serveAlone(kAnswer);
     for (const char* length :
          {"10", "7", "-1", "-6", "-4294967290", "4294967295", "4294967296", "4294967302",
@@ -161,68 +139,34 @@ TEST_F(GatewayRequest, LengthsThatTheBodyDoesNotMeetFailThePreparation) {
         SCOPED_TRACE(length);
         expectPage(run({"CONTENT_LENGTH="s + length}, "6bytes"), 603, "");
     }
-    EXPECT_TRUE(server.visits().empty()) << "something was sent";
-}
-
-TEST_F(GatewayRequest, BodyThatCannotBeReadOrHeldFailsThePreparation) {
-    ScriptedPeer& server = serveAlone(kAnswer);
     Command closed = command({}, "6bytes");
-    closed.in = Stream::Closed;
+    closed.closed = {0};
     expectPage(runCommand(closed), 603, "");
-    if (!kAddressSanitizer) {
-        Command poor = command({"CONTENT_LENGTH=1000000000"}, "6bytes");
-        poor.limits = {{RLIMIT_AS, 64 << 20}};
-        expectPage(runCommand(poor), 603, "");
-    }
     EXPECT_TRUE(server.visits().empty()) << "something was sent";
-}
-
-TEST_F(GatewayRequest, FileTimeIsThatOfPathTranslated) {
-    writeFile(folder_ / "work/../page", "");
-    setFileTime(folder_ / "page", 1234567890);
-    std::filesystem::create_directory(folder_ / "docs");
-    setFileTime(folder_ / "docs", 1);
-    const struct {
-        std::string path;
-        std::uint32_t time;
-    } cases[] = {{folder_ / "page", 1234567890}, {folder_ / "docs", 1}, {folder_ / "absent", 0}, {"", 0}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.path);
-        ScriptedPeer& server = serveAlone(kAnswer);
-        run({"PATH_TRANSLATED=" + c.path});
-        EXPECT_EQ(onlyRequest(server).fileTime, c.time);
-    }
 }
 
 TEST_F(GatewayRequest, ProgramPathNamesTheClientAndTravelsWhole) {
-    const struct {
-        const char* path;
-        const char* client;
-    } cases[] = {{"shop", "shop"}, {"./shop", "shop"}, {"/a b//nph-shop", "nph-shop"}, {"/x/SHOP", "SHOP"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.path);
+    for (const std::string path : {"shop", "./shop", "/a b//nph-shop", "/x/SHOP"}) {
+        SCOPED_TRACE(path);
         ScriptedPeer& server = serveAlone(kAnswer);
-        EXPECT_EQ(run({}, "", c.path).exitStatus, 0);
+        EXPECT_EQ(run({}, "", path).exitStatus, 0);
         wire::Request request = onlyRequest(server);
-        EXPECT_EQ(request["COMMANDLINE"], c.path);
-        EXPECT_EQ(request["HTTP_COOKIE"], "VelartoClient="s + c.client);
+        EXPECT_EQ(request["COMMANDLINE"], path);
+        EXPECT_EQ(request["HTTP_COOKIE"], "VelartoClient=" + path.substr(path.rfind('/') + 1));
     }
 }
 
 // With a standard descriptor closed, a socket or a file may get its number: nothing may be mixed up then.
 TEST_F(GatewayRequest, ClosedDescriptorsChangeNothingElse) {
-    for (int closed = 1; closed < 8; ++closed) {
-        SCOPED_TRACE(closed);
+    for (const std::set<int>& closed :
+         std::vector<std::set<int>>{{0}, {1}, {2}, {0, 1}, {0, 2}, {1, 2}, {0, 1, 2}}) {
+        SCOPED_TRACE(::testing::PrintToString(closed));
         ScriptedPeer& server = serveAlone(kAnswer);
         Command command = this->command();
-        if ((closed & 1) != 0) command.in = Stream::Closed;
-        if ((closed & 2) != 0) command.out = Stream::Closed;
-        if ((closed & 4) != 0) command.err = Stream::Closed;
-        expectSuccess(runCommand(command), (closed & 2) != 0 ? "" : kAnswerOutput);
-
-        wire::Request request = onlyRequest(server);
-        EXPECT_EQ(server.visits()[0].received,
-                  wire::encode(request) + wire::acknowledgement(6) + wire::acknowledgement(4));
+        command.closed = closed;
+        expectSuccess(runCommand(command), closed.count(1) != 0 ? "" : kAnswerOutput);
+        const std::string request = wire::encode(onlyRequest(server));
+        EXPECT_EQ(server.visits()[0].received, request + wire::acknowledgement(6) + wire::acknowledgement(4));
     }
 }
 

@@ -64,79 +64,33 @@ class GatewaySelection : public GatewayTest {
 };
 
 TEST_F(GatewaySelection, OneServerIsTakenWithoutRouteCookie) {
-    for (const char* sid : {"", "s001,", "any identifier,"}) {
-        SCOPED_TRACE(sid);
-        ScriptedPeer& server = serve(kAnswer);
-        expectChoice({sid + support::entry(server.port())}, "FORCE_SERVER_ARG_NAME=srv\n", server,
-                     "a=1; VelartoClient=shop",
-                     {"HTTP_COOKIE=a=1", "QUERY_STRING=srv=s009&_UserReference=s002" + kRest24});
-    }
+    ScriptedPeer& server = serve(kAnswer);
+    expectChoice({entry("s001", server.port())}, "FORCE_SERVER_ARG_NAME=srv\n", server,
+                 "a=1; VelartoClient=shop",
+                 {"HTTP_COOKIE=a=1", "QUERY_STRING=srv=s009&_UserReference=s002" + kRest24});
 }
 
-TEST_F(GatewaySelection, HostMayBeANameOrAShortAddress) {
-    for (const char* host : {"localhost", "127.1", "127.0.0.1"}) {
-        SCOPED_TRACE(host);
-        ScriptedPeer& server = serve(kAnswer);
-        expectChoice({host + ","s + std::to_string(server.port()), support::entry(dead_.port())}, "", server,
-                     route(hexRoute(server.port())));
-    }
-}
-
-// The port is taken modulo 65536; the route names the one really connected to.
-TEST_F(GatewaySelection, PortNumbersWrapAndMayHaveLeadingZeros) {
-    for (const bool wrapped : {false, true}) {
-        ScriptedPeer& server = serve(kAnswer);
-        std::string port = std::to_string(server.port() + (wrapped ? 65536u : 0u));
-        port.insert(0, 31 - port.size(), '0');
-        expectChoice({"127.0.0.1," + port, support::entry(dead_.port())}, "", server,
-                     route(hexRoute(server.port())));
-    }
-}
-
-// Whatever is wrong with an entry, its attempt fails and the good one is found, wherever it stands.
+// Whatever is wrong with an entry, its attempt fails and the good one is found, wherever it stands. The port
+// is taken modulo 65536; the route names the one really connected to.
 TEST_F(GatewaySelection, BadEntriesAreStumblingBlocksOnly) {
     const std::string port = std::to_string(dead_.port());
     for (const std::string& bad :
-         {"127.0.0.1," + port, "127.0.0.1,0"s, "127.0.0.1,65536"s, "127.0.0.1,x"s, "127.0.0.1,"s,
-          "s1,127.0.0.1,"s, ","s, ",,"s, "127.0.0.1"s, ""s, "s1,127.0.0.1," + port + ",x",
-          std::string(32, 's') + ",127.0.0.1," + port, "1.2.3.4.5," + port, "0000177.0000.0000.0001," + port,
+         {"127.0.0.1," + port, "127.0.0.1,0"s, "127.0.0.1,65536"s, "127.0.0.1,x"s, "s1,127.0.0.1,"s, ","s,
+          ",,"s, "127.0.0.1"s, ""s, "s1,127.0.0.1," + port + ",x",
+          std::string(32, 's') + ",127.0.0.1," + port, "1.2.3.4.5," + port,
           "127.0.0.1," + std::string(4000, '9'), std::string(3000, ',')}) {
         SCOPED_TRACE(bad.substr(0, 60));
         for (const bool badFirst : {true, false}) {
             ScriptedPeer& server = serve(kAnswer);
-            const std::string good = support::entry(server.port());
+            const std::string good = "localhost," + std::to_string(server.port() + 65536);
             expectChoice(badFirst ? std::vector<std::string>{bad, good} : std::vector<std::string>{good, bad},
                          "", server, route(hexRoute(server.port())));
         }
     }
 }
 
-// Nothing is cut: a cut field would name this live server.
-TEST_F(GatewaySelection, FieldsTooLongAreRefusedNotCut) {
-    ScriptedPeer& server = serve(kAnswer);
-    const std::string port = std::to_string(server.port());
-    for (const std::string& only :
-         {"127.0.0.1," + std::string(32 - port.size(), '0') + port,
-          "127.0.0.1," + port + std::string(27, ' ') + "x", std::string(32, 's') + ",127.0.0.1," + port,
-          "0000000000177.0000000.00000.00001," + port, "0000177.0000.0000.0001," + port}) {
-        SCOPED_TRACE(only);
-        configure(only);
-        expectPage(run(), 602, failure(only));
-    }
-    EXPECT_TRUE(server.visits().empty());
-}
-
-TEST_F(GatewaySelection, MessageHoldsALongListWhole) {
-    std::string list = "127.0.0.1,0";
-    while (list.size() < 4000)
-        list += ",0";
-    configure(list);
-    expectPage(run(), 602, failure(list));
-}
-
 TEST_F(GatewaySelection, OneLiveServerAmongManyIsAlwaysFound) {
     for (std::size_t place = 0; place < 8; ++place) {
-        SCOPED_TRACE(place);
         ScriptedPeer& server = serve(kAnswer);
         std::vector<std::string> entries(8, support::entry(dead_.port()));
         entries[place] = support::entry(server.port());
@@ -144,36 +98,18 @@ TEST_F(GatewaySelection, OneLiveServerAmongManyIsAlwaysFound) {
     }
 }
 
-TEST_F(GatewaySelection, NoLiveServerIsAFailureThatNamesTheLastOneTried) {
-    const DeadPort other;
-    configure(join({support::entry(dead_.port()), support::entry(other.port())}));
-    const Outcome outcome = run();
-    const bool lastWasOther = outcome.out.find(support::entry(other.port())) != std::string::npos;
-    expectPage(outcome, 602, failure(support::entry(lastWasOther ? other.port() : dead_.port())));
-}
-
-// ---- the forced server ------------------------------------------------------------------------------------
-
 TEST_F(GatewaySelection, ForcedServerIsTheOneOfThatIdentifierElseTheLast) {
-    const struct {
-        const char* query;
-        int chosen;
-    } cases[] = {
-        {"srv=s001", 0},
-        {"a=b&srv=s002&c=d", 1},
-        {"srv =s002", 1},
-        {"srv=S001", 2},
-        {"srv=s009", 2},
-        {"srv=s00", 2},
-        {"srv=1234567890123456789012345678901", 2},
+    const std::pair<const char*, int> cases[] = {
+        {"srv=s001", 0}, {"a=b&srv=s002&c=d", 1}, {"srv =s002", 1},
+        {"srv=S001", 2}, {"srv=s00", 2},          {"srv=1234567890123456789012345678901", 2},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.query);
+    for (const auto& [query, chosen] : cases) {
+        SCOPED_TRACE(query);
         ScriptedPeer* servers[] = {&serve(kAnswer), &serve(kAnswer), &serve(kAnswer)};
         expectChoice({entry("s001", servers[0]->port()), entry("s002", servers[1]->port()),
                       support::entry(servers[2]->port())},
-                     "FORCE_SERVER_ARG_NAME=srv\n", *servers[c.chosen], "a=1; VelartoClient=shop",
-                     {"QUERY_STRING="s + c.query, "HTTP_COOKIE=a=1"});
+                     "FORCE_SERVER_ARG_NAME=srv\n", *servers[chosen], "a=1; VelartoClient=shop",
+                     {"QUERY_STRING="s + query, "HTTP_COOKIE=a=1"});
     }
 }
 
@@ -187,26 +123,13 @@ TEST_F(GatewaySelection, ForcedServerHasNoSubstitute) {
 }
 
 TEST_F(GatewaySelection, WithoutAForcedIdentifierChoiceGoesOn) {
-    const struct {
-        const char* lines;
-        std::string query;
-    } cases[] = {
-        {"", "srv=s002"},
-        {"FORCE_SERVER_ARG_NAME=\n", "srv=s002"},
-        {"FORCE_SERVER_ARG_NAME=srv\n", ""},
-        {"FORCE_SERVER_ARG_NAME=srv\n", "srv=&x=s002"},
-        {"FORCE_SERVER_ARG_NAME=srv\n", "srv=" + std::string(32, 's')},
-        {"FORCE_SERVER_ARG_NAME=srv\n", "srv=" + std::string(65536, 's')},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.lines + c.query.substr(0, 40));
+    for (const std::string& query : {""s, "srv=&x=s002"s, "srv=" + std::string(65536, 's')}) {
+        SCOPED_TRACE(query.substr(0, 40));
         ScriptedPeer& live = serve(kAnswer);
-        expectChoice({entry("s001", live.port()), entry("s002", dead_.port())}, c.lines, live,
-                     route(hexRoute(live.port())), {"QUERY_STRING=" + c.query});
+        expectChoice({entry("s001", live.port()), entry("s002", dead_.port())}, "FORCE_SERVER_ARG_NAME=srv\n",
+                     live, route(hexRoute(live.port())), {"QUERY_STRING=" + query});
     }
 }
-
-// ---- the server of the same user --------------------------------------------------------------------------
 
 TEST_F(GatewaySelection, UserReferenceLeadsBackToItsServer) {
     const std::string toFirst = "s001" + kRest24;
@@ -214,9 +137,7 @@ TEST_F(GatewaySelection, UserReferenceLeadsBackToItsServer) {
     const std::string tooShort = "s001" + kRest24.substr(1);
     const std::string tooLong = "s001" + kRest24 + "-";
     const std::string notYet = "s001" + kRest24 + "-------";
-    const struct {
-        std::string cookie, query, body;
-    } cases[] = {
+    const std::string cases[][3] = {
         {"Velarto_UserReference=" + toSecond, "", ""},
         {"x=1; Velarto_UserReference =" + toSecond + "; y=2", "_UserReference=" + toFirst,
          "_UserReference=" + toFirst},
@@ -225,40 +146,36 @@ TEST_F(GatewaySelection, UserReferenceLeadsBackToItsServer) {
         {"Velarto_UserReference=" + tooShort, "_UserReference=" + tooLong, "_UserReference=" + toSecond},
         {"Velarto_UserReference=" + notYet, "_UserReference=" + toSecond, "_UserReference=" + toFirst},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.cookie + " " + c.query + " " + c.body);
+    for (const auto& [cookie, query, body] : cases) {
+        SCOPED_TRACE(cookie + " " + query + " " + body);
         ScriptedPeer* servers[] = {&serve(kAnswer), &serve(kAnswer)};
         expectChoice({entry("s001", servers[0]->port()), entry("s002", servers[1]->port())}, "", *servers[1],
-                     (c.cookie.empty() ? "" : c.cookie + "; ") + route("s002"),
-                     {"HTTP_COOKIE=" + c.cookie, "QUERY_STRING=" + c.query}, c.body);
+                     (cookie.empty() ? "" : cookie + "; ") + route("s002"),
+                     {"HTTP_COOKIE=" + cookie, "QUERY_STRING=" + query}, body);
     }
 }
 
 // The route cookie of a server chosen by chance holds its address, never an identifier.
-TEST_F(GatewaySelection, ReferencesOfOtherLengthsAreIgnored) {
-    for (const std::size_t length : {0u, 4u, 27u, 29u, 35u, 37u, 127u, 128u, 65536u}) {
-        SCOPED_TRACE(length);
+TEST_F(GatewaySelection, OtherReferencesAreIgnored) {
+    std::vector<std::string> references = {std::string(36, 'z'), "\x01\xFF\"'%n" + std::string(22, '%'),
+                                           "FFFFFFFFFFFF" + kRest24};
+    for (const std::size_t length : {0u, 4u, 27u, 29u, 35u, 37u, 128u, 65536u})
+        references.push_back(("s001" + std::string(65536, '-')).substr(0, length));
+    for (const std::string& reference : references) {
+        SCOPED_TRACE(reference.substr(0, 40));
         ScriptedPeer& server = serve(kAnswer);
-        const std::string reference = ("s001" + std::string(65536, '-')).substr(0, length);
         expectChoice({entry("s001", server.port()), support::entry(dead_.port())}, "", server,
                      route(hexRoute(server.port())), {"QUERY_STRING=_UserReference=" + reference});
     }
 }
 
-TEST_F(GatewaySelection, AddressInAReferenceIsSoughtInsideTheEntries) {
-    for (const int divisor : {1, 10}) {  // a port that merely begins with the one sought matches too
-        for (const char* before : {"", "s001,"}) {
-            for (const int own : {0, 1}) {
-                ScriptedPeer* servers[] = {&serve(kAnswer), &serve(kAnswer)};
-                while (servers[0]->port() / divisor == servers[1]->port() / divisor)
-                    servers[0] = &serve(kAnswer);
-                const auto sought = static_cast<std::uint16_t>(servers[own]->port() / divisor);
-                expectChoice({before + support::entry(servers[0]->port()),
-                              before + support::entry(servers[1]->port())},
-                             "", *servers[own], route(hexRoute(servers[own]->port())),
-                             {"QUERY_STRING=_UserReference=" + addressReference(sought)});
-            }
-        }
+TEST_F(GatewaySelection, AddressInAReferenceLeadsToItsServer) {
+    for (const int own : {0, 1}) {
+        ScriptedPeer* servers[] = {&serve(kAnswer), &serve(kAnswer)};
+        const std::uint16_t port = servers[own]->port();
+        expectChoice({entry("s001", servers[0]->port()), entry("s001", servers[1]->port())}, "",
+                     *servers[own], route(hexRoute(port)),
+                     {"QUERY_STRING=_UserReference=" + addressReference(port)});
     }
 }
 
@@ -288,42 +205,15 @@ TEST_F(GatewaySelection, FailedServerOfTheUserIsNotTriedAgain) {
     }
 }
 
-TEST_F(GatewaySelection, StrangeReferencesAreHarmless) {
-    for (const std::string& reference :
-         {std::string(36, 'z'), std::string(28, ','), std::string(36, ':'),
-          "\x01\x7F\xFF\"'%n"s + std::string(21, '%'), "FFFFFFFFFFFF"s + kRest24, std::string(36, '-'),
-          " 1 2 3 4 5 6" + kRest24}) {
-        SCOPED_TRACE(reference);
-        ScriptedPeer& server = serve(kAnswer);
-        expectChoice({support::entry(server.port()), support::entry(dead_.port())}, "", server,
-                     route(hexRoute(server.port())), {"QUERY_STRING=_UserReference=" + reference});
-    }
-}
-
-// ---- other ways to write the list -------------------------------------------------------------------------
-
 TEST_F(GatewaySelection, ListWrittenWithColonsInsideEntriesIsUnderstoodAndLeft) {
-    for (const char* host : {"127.0.0.1", "localhost"}) {
-        ScriptedPeer& server = serve(kAnswer);
-        const std::string list =
-            "127.0.0.1:" + std::to_string(dead_.port()) + "," + host + ":" + std::to_string(server.port());
-        configure(list);
-        const std::string before = readFile(clientsFile());
-        expectSuccess(run(), kAnswerOutput);
-        EXPECT_EQ(cookies(server), std::vector<std::string>{route(hexRoute(server.port()))});
-        EXPECT_EQ(readFile(clientsFile()), before);
-    }
-}
-
-TEST_F(GatewaySelection, OtherMixturesKeepTheUsualSeparators) {
     ScriptedPeer& server = serve(kAnswer);
-    for (const char* rest : {",x:y", ",x", ","}) {
-        const std::string list = "127.0.0.1:" + std::to_string(server.port()) + rest;
-        SCOPED_TRACE(list);
-        configure(list);
-        EXPECT_EQ(run().exitStatus, 602 & 0xFF);
-    }
-    EXPECT_TRUE(server.visits().empty());
+    const std::string list =
+        "127.0.0.1:" + std::to_string(dead_.port()) + ",localhost:" + std::to_string(server.port());
+    configure(list);
+    const std::string before = readFile(clientsFile());
+    expectSuccess(run(), kAnswerOutput);
+    EXPECT_EQ(cookies(server), std::vector<std::string>{route(hexRoute(server.port()))});
+    EXPECT_EQ(readFile(clientsFile()), before);
 }
 
 TEST_F(GatewaySelection, OlderFormBecomesAListInTheFile) {

@@ -9,6 +9,7 @@ namespace {
 
 namespace fs = std::filesystem;
 constexpr std::chrono::seconds kLimit{20};
+const std::string kCheckServer = "  Check the application server process is running.";
 
 std::vector<std::string> namesIn(const std::string& folder) {
     std::vector<std::string> names;
@@ -16,11 +17,6 @@ std::vector<std::string> namesIn(const std::string& folder) {
         names.push_back(file.path().filename().string());
     std::sort(names.begin(), names.end());
     return names;
-}
-
-bool isSet(const std::vector<std::string>& variables, const std::string& name) {
-    return std::any_of(variables.begin(), variables.end(),
-                       [&](const std::string& variable) { return variable.rfind(name + "=", 0) == 0; });
 }
 
 }  // namespace
@@ -32,23 +28,19 @@ std::string entry(std::uint16_t port) {
 std::string errorPage(int code, const std::string& detail) {
     static const std::map<int, std::string> texts = {
         {601, "Unable to initialize the client's environment."},
-        {602,
-         "Unable to connect to the application server.  Check the application server process is running."},
+        {602, "Unable to connect to the application server." + kCheckServer},
         {603, "Unable to prepare an application server request."},
-        {604,
-         "Unable to send a request to the application server.  Check the application server process is "
-         "running."},
+        {604, "Unable to send a request to the application server." + kCheckServer},
         {605,
-         "The client encountered problems in communicating with the application server. Please check "
-         "velartoevents.log for further information."},
+         "The client encountered problems in communicating with the application server. "
+         "Please check velartoevents.log for further information."},
     };
     return "Content-type: text/html\r\n\r\n"
            "<html><head><title>Client Error</title></head><body><h3>Client/Plug-in Error</h3>Error Code: " +
            std::to_string(code) + "<br /><p>" + texts.at(code) + "</p><p>" + detail + "</p></body></html>";
 }
 
-GatewayTest::GatewayTest()
-    : clientsFile_(folder_ / "configuration/clients.ini"), sanitizerLog_(folder_ / "log/san") {
+GatewayTest::GatewayTest() {
     // Open to everybody: some tests run the gateway as another user.
     for (const char* name : {"", "configuration", "log", "work"}) {
         fs::create_directories(folder_ / name);
@@ -83,28 +75,19 @@ ScriptedPeer& GatewayTest::serveAlone(Script script, const std::string& lines) {
     return peer;
 }
 
-std::string GatewayTest::program() {
-    return VELARTO_CGI_PATH;
-}
-
 Command GatewayTest::command(std::vector<std::string> variables, const std::string& body,
                              const std::string& name) const {
     Command command;
-    command.program = program();
+    command.program = VELARTO_CGI_PATH;
     command.arguments = {name};
     command.directory = folder_ / "work";
-    command.in = Stream::Pipe;
     command.input = body;
+    // Of two variables of one name the first counts: the test's own.
     command.environment = std::move(variables);
-    if (!body.empty() && !isSet(command.environment, "CONTENT_LENGTH")) {
-        command.environment.push_back("CONTENT_LENGTH=" + std::to_string(body.size()));
-    }
-    if (!isSet(command.environment, "VELARTO_PATH")) {
-        command.environment.push_back("VELARTO_PATH=" + folder_.path());
-    }
-    for (const char* sanitizer : {"ASAN", "UBSAN", "LSAN", "TSAN"}) {
-        command.environment.push_back(sanitizer + ("_OPTIONS=log_path=" + sanitizerLog_));
-    }
+    command.environment.push_back("VELARTO_PATH=" + folder_.path());
+    if (!body.empty()) command.environment.push_back("CONTENT_LENGTH=" + std::to_string(body.size()));
+    for (const char* sanitizer : {"ASAN", "UBSAN", "LSAN", "TSAN"})
+        command.environment.push_back(sanitizer + ("_OPTIONS=log_path=" + folder_.path()) + "/log/san");
     return command;
 }
 

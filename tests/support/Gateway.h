@@ -41,7 +41,7 @@ class GatewayTest : public ::testing::Test {
     void TearDown() override;  // no server's script broke off
 
     // ---- the configuration ----
-    const std::string& clientsFile() const { return clientsFile_; }
+    std::string clientsFile() const { return folder_ / "configuration/clients.ini"; }
     // Sections for "shop" and "nph-shop", alike: this server list and further lines, each with its line feed.
     void configure(const std::string& servers, const std::string& lines = "");
 
@@ -66,7 +66,6 @@ class GatewayTest : public ::testing::Test {
     }
     // The second half of a run: waits for the end and checks what every run owes.
     Outcome finish(Process& gateway);
-    static std::string program();
 
     static void expectSuccess(const Outcome& outcome, const std::string& output);
     static void expectPage(const Outcome& outcome, int code, const std::string& detail,
@@ -75,8 +74,6 @@ class GatewayTest : public ::testing::Test {
     const TempDir folder_;
 
   private:
-    std::string clientsFile_;
-    std::string sanitizerLog_;
     std::vector<std::unique_ptr<ScriptedPeer>> peers_;
 };
 

@@ -4,34 +4,25 @@
 
 #include <sys/resource.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 
+#include <array>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <functional>
+#include <set>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 namespace support {
 
-enum class Stream {
-    Null,    // /dev/null
-    Closed,  // the descriptor is not open at all
-    Pipe,    // standard input: fed with Command::input, then closed; output: captured
-};
-
 struct Command {
-    std::string program;                   // the file to run
-    std::vector<std::string> arguments;    // the whole vector, the program's name included; may be empty
-    std::vector<std::string> environment;  // the whole environment, "NAME=value"; nothing is inherited
-    std::string directory;                 // working directory; empty: the test's own
-
-    Stream in = Stream::Null;
-    Stream out = Stream::Pipe;
-    Stream err = Stream::Pipe;
-    std::string input;
-
+    std::string program;                         // the file to run
+    std::vector<std::string> arguments;          // the whole vector, the program's name included
+    std::vector<std::string> environment;        // all of it, "NAME=value"; nothing is inherited
+    std::string directory;                       // working directory; empty: the test's own
+    std::string input;                           // the whole standard input
+    std::set<int> closed;                        // which of the descriptors 0, 1 and 2 are not open at all
     std::vector<std::pair<int, rlim_t>> limits;  // RLIMIT_...: soft and hard limit
     std::vector<int> ignoredSignals;             // all others start with their default action
     uid_t user = static_cast<uid_t>(-1);         // user and group to run as, when the test may change them
@@ -39,7 +30,7 @@ struct Command {
 
 struct Outcome {
     bool endedByItself = false;  // false: the time limit passed and the child was killed
-    int exitStatus = -1;         // -1 when a signal ended it
+    int exitStatus = -1;         // -1 when a signal ended it; 127 when it could not be run
     int signal = 0;
     std::string out;
     std::string err;
@@ -48,22 +39,21 @@ struct Outcome {
 // The test's own environment, for children that should inherit it.
 std::vector<std::string> currentEnvironment();
 
-// One child, running from construction on. It leads a process group of its own; the destructor kills what is
-// left of the group and reaps the child. Output is collected by a thread all the while, so a child never
-// blocks on a full pipe. Operations are for one thread.
+// One child, running from construction on. It leads a process group of its own; what is left of the group is
+// killed in the end. Input is fed and output collected while an operation waits: between them a child can
+// write as much as a pipe holds. Operations are for one thread.
 class Process {
   public:
-    explicit Process(Command command);  // throws std::runtime_error when the program cannot be run
+    explicit Process(Command command);
     Process(const Process&) = delete;
-    Process& operator=(const Process&) = delete;
     ~Process();
 
     pid_t pid() const { return pid_; }
-    bool running();         // has not ended yet
+    bool running() { return !reap(); }
     void kill(int signal);  // to the child itself; nothing once it ended
 
-    std::string out();  // captured so far
-    std::string err();
+    std::string out() { return captured(1); }  // so far
+    std::string err() { return captured(2); }
     // Waits until what was captured contains the text; false when the child closed the stream or the limit
     // passed before.
     bool waitForOut(const std::string& text, std::chrono::milliseconds limit);
@@ -73,28 +63,18 @@ class Process {
     Outcome wait(std::chrono::milliseconds limit);
 
   private:
-    struct Capture {
-        int descriptor = -1;  // -1: nothing more comes
-        std::string text;
-    };
-
-    void pump();
-    void stopPumping();
-    bool reap();  // true once the child has ended
-    bool waitFor(const Capture& capture, const std::string& text, std::chrono::milliseconds limit);
+    bool pump(const std::function<bool()>& done, std::chrono::milliseconds limit);
+    bool waitFor(std::size_t stream, const std::string& text, std::chrono::milliseconds limit);
+    std::string captured(std::size_t stream);
+    bool reap(int options = WNOHANG);  // true once the child has ended
 
     pid_t pid_ = -1;
+    int ended_ = -1;  // a descriptor that is readable once the child has ended
     bool reaped_ = false;
     int status_ = 0;
-
-    std::string input_;
-    int inputDescriptor_ = -1;
-    int wakeUp_[2] = {-1, -1};
-    std::mutex mutex_;  // guards the captures
-    std::condition_variable changed_;
-    Capture out_;
-    Capture err_;
-    std::thread pump_;
+    std::array<int, 3> descriptors_{-1, -1, -1};  // this side of the standard three; -1: done
+    std::array<std::string, 3> texts_;            // what to feed; what was captured
+    std::size_t fed_ = 0;
 };
 
 // Runs a command to its end.

@@ -15,14 +15,14 @@
 namespace support {
 namespace {
 
-constexpr int kLimitMilliseconds = 20000;
+constexpr timeval kLimit = {20, 0};
 
 [[noreturn]] void fail(const char* step) {
     throw std::system_error(errno, std::generic_category(), step);
 }
 
-int openSocket(int flags) {
-    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
+int openSocket() {
+    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int on = 1;
     if (descriptor < 0) fail("socket");
     ::setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -43,64 +43,45 @@ std::uint16_t bindLoopback(int descriptor, std::uint16_t port) {
 
 }  // namespace
 
-// ---- Connection -------------------------------------------------------------------------------------------
-
-void Connection::waitFor(short events) {
-    pollfd wait = {descriptor_, events, 0};
-    int ready;
-    do {
-        ready = ::poll(&wait, 1, kLimitMilliseconds);
-    } while (ready < 0 && errno == EINTR);
-    if (ready == 0) throw std::runtime_error("the client kept the server waiting");
+Connection::Connection(int descriptor, int wakeUp) : descriptor_(descriptor), wakeUp_(wakeUp) {
+    const int on = 1;
+    ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    for (const int direction : {SO_RCVTIMEO, SO_SNDTIMEO})
+        ::setsockopt(descriptor, SOL_SOCKET, direction, &kLimit, sizeof kLimit);
 }
 
 std::string Connection::receive(std::size_t count) {
     std::string bytes(count, '\0');
-    for (std::size_t have = 0; have < count;) {
-        waitFor(POLLIN);
-        const ssize_t got = ::recv(descriptor_, &bytes[have], count - have, 0);
-        if (got < 0) fail("receiving");
-        if (got == 0) {
-            throw std::runtime_error("the client closed " + std::to_string(count - have) +
-                                     " bytes before the end of " + std::to_string(count));
-        }
-        received_.append(bytes, have, static_cast<std::size_t>(got));
-        have += static_cast<std::size_t>(got);
-    }
-    return bytes;
+    const ssize_t got = ::recv(descriptor_, bytes.data(), count, MSG_WAITALL);
+    if (got < 0) fail("receiving");
+    received_.append(bytes, 0, static_cast<std::size_t>(got));
+    if (static_cast<std::size_t>(got) == count) return bytes;
+    throw std::runtime_error("the client sent " + std::to_string(got) + " of " + std::to_string(count) +
+                             " bytes");
 }
 
 void Connection::expect(const std::string& bytes) {
     if (receive(bytes.size()) != bytes) throw std::runtime_error("the client sent something else");
 }
 
-wire::Request& Connection::receiveRequest() {
+void Connection::receiveRequest() {
     request_ = wire::decode([this](std::size_t count) { return receive(count); });
-    return request_;
+    if (received_ != wire::encode(request_)) throw std::runtime_error("the client sent no proper request");
 }
 
 void Connection::receiveRest() {
     char block[65536];
-    while (descriptor_ >= 0) {
-        waitFor(POLLIN);
-        const ssize_t got = ::recv(descriptor_, block, sizeof block, 0);
-        if (got <= 0) return;
+    ssize_t got;
+    while ((got = ::recv(descriptor_, block, sizeof block, 0)) > 0)
         received_.append(block, static_cast<std::size_t>(got));
-    }
 }
 
 void Connection::send(const std::string& bytes) {
     for (std::size_t sent = 0; sent < bytes.size();) {
-        waitFor(POLLOUT);
         const ssize_t count = ::send(descriptor_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        if (count < 0 && errno != EAGAIN) fail("sending");
-        if (count > 0) sent += static_cast<std::size_t>(count);
+        if (count < 0) fail("sending");
+        sent += static_cast<std::size_t>(count);
     }
-}
-
-void Connection::sendInPieces(const std::string& bytes, std::size_t size) {
-    for (std::size_t at = 0; at < bytes.size(); at += size)
-        send(bytes.substr(at, size));
 }
 
 void Connection::serve(const std::vector<std::string>& messages) {
@@ -114,12 +95,7 @@ void Connection::serve(const std::vector<std::string>& messages) {
 
 void Connection::stall() {
     pollfd waits[] = {{descriptor_, POLLRDHUP, 0}, {wakeUp_, POLLIN, 0}};
-    while (::poll(waits, 2, kLimitMilliseconds) < 0 && errno == EINTR) {
-    }
-}
-
-void Connection::closeSending() {
-    ::shutdown(descriptor_, SHUT_WR);
+    ::poll(waits, 2, static_cast<int>(kLimit.tv_sec) * 1000);
 }
 
 void Connection::close() {
@@ -139,74 +115,56 @@ Script answering(std::vector<std::string> messages) {
     };
 }
 
-// ---- ScriptedPeer -----------------------------------------------------------------------------------------
-
 ScriptedPeer::ScriptedPeer(Script script, int receiveBuffer)
-    : script_(std::move(script)), listener_(openSocket(SOCK_NONBLOCK)), wakeUp_(::eventfd(0, EFD_CLOEXEC)) {
-    if (receiveBuffer != 0) {
+    : script_(std::move(script)), listener_(openSocket()), wakeUp_(::eventfd(0, EFD_CLOEXEC)) {
+    if (receiveBuffer != 0)
         ::setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-    }
     port_ = bindLoopback(listener_, 0);
     if (wakeUp_ < 0 || port_ == 0 || ::listen(listener_, 16) != 0) fail("listening");
-    thread_ = std::thread(&ScriptedPeer::accept, this);
+    start();
 }
 
 ScriptedPeer::~ScriptedPeer() {
-    {
-        const std::lock_guard<std::mutex> guard(mutex_);
-        stopping_ = true;
-    }
-    ::eventfd_write(wakeUp_, 1);
-    thread_.join();
+    finish();
     ::close(listener_);
     ::close(wakeUp_);
 }
 
-void ScriptedPeer::accept() {
-    for (;;) {
+void ScriptedPeer::start() {
+    thread_ = std::thread([this] {
         pollfd waits[] = {{listener_, POLLIN, 0}, {wakeUp_, POLLIN, 0}};
-        if (::poll(waits, 2, -1) < 0) continue;
-        const int descriptor = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (descriptor < 0) {
-            if (waits[1].revents == 0) continue;
-            eventfd_t ignored;
-            ::eventfd_read(wakeUp_, &ignored);
-            const std::lock_guard<std::mutex> guard(mutex_);
-            if (stopping_) return;
-            settled_ = true;
-            changed_.notify_all();
-            continue;
-        }
-        const int on = 1;
-        ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        Connection connection(descriptor, wakeUp_);
-        Visit visit;
-        try {
-            script_(connection);
-            connection.receiveRest();
-        } catch (const std::exception& reason) {
-            visit.fault = reason.what();
-        }
-        visit.received = connection.received();
-        visit.request = connection.request();
-        visits_.push_back(std::move(visit));
+        while (::poll(waits, 2, -1) > 0 && waits[0].revents != 0)
+            serve(::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC));
+    });
+}
+
+void ScriptedPeer::finish() {
+    eventfd_t ignored;
+    ::eventfd_write(wakeUp_, 1);
+    thread_.join();
+    ::eventfd_read(wakeUp_, &ignored);
+}
+
+void ScriptedPeer::serve(int descriptor) {
+    Connection connection(descriptor, wakeUp_);
+    Visit visit;
+    try {
+        script_(connection);
+        connection.receiveRest();
+    } catch (const std::exception& reason) {
+        visit.fault = reason.what();
     }
+    visit.received = connection.received();
+    visit.request = connection.request();
+    visits_.push_back(std::move(visit));
 }
 
 std::vector<ScriptedPeer::Visit>& ScriptedPeer::visits() {
-    std::unique_lock<std::mutex> guard(mutex_);
-    settled_ = false;
-    ::eventfd_write(wakeUp_, 1);
-    changed_.wait(guard, [this] { return settled_; });
+    finish();
+    start();
     return visits_;
 }
 
-// ---- DeadPort ---------------------------------------------------------------------------------------------
-
-DeadPort::DeadPort(std::uint16_t port) : descriptor_(openSocket(0)), port_(bindLoopback(descriptor_, port)) {}
-
-DeadPort::~DeadPort() {
-    ::close(descriptor_);
-}
+DeadPort::DeadPort(std::uint16_t port) : descriptor_(openSocket()), port_(bindLoopback(descriptor_, port)) {}
 
 }  // namespace support

@@ -2,11 +2,12 @@
 // byte that reaches it.
 #pragma once
 
-#include <condition_variable>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,32 +20,28 @@ namespace support {
 // when something else happens than the script asks for.
 class Connection {
   public:
-    Connection(int descriptor, int wakeUp) : descriptor_(descriptor), wakeUp_(wakeUp) {}
+    Connection(int descriptor, int wakeUp);
     Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
     ~Connection() { close(); }
 
     std::string receive(std::size_t count);  // exactly
     void expect(const std::string& bytes);
-    wire::Request& receiveRequest();  // a whole request, kept in request()
-    void receiveRest();               // whatever comes until the client closes
+    void receiveRequest();  // a whole request, kept in request()
+    void receiveRest();     // whatever comes until the client closes
 
     void send(const std::string& bytes);
-    void sendInPieces(const std::string& bytes, std::size_t size);
     // A server's messages one after the other; the gateway acknowledges headers and bodies.
     void serve(const std::vector<std::string>& messages);
 
-    void stall();         // neither sends nor receives until the client goes away or the visits are asked for
-    void closeSending();  // the client reads an end; its sending goes on
+    void stall();  // neither sends nor receives until the client goes away or the visits are asked for
+    void closeSending() { ::shutdown(descriptor_, SHUT_WR); }  // the client reads an end; its sending goes on
     void close();
     void reset();  // ends the connection with an error for the client
 
     const std::string& received() const { return received_; }
-    wire::Request& request() { return request_; }
+    const wire::Request& request() const { return request_; }
 
   private:
-    void waitFor(short events);
-
     int descriptor_;
     int wakeUp_;
     std::string received_;
@@ -70,7 +67,6 @@ class ScriptedPeer {
     // A receive buffer of 0 leaves the system's default.
     explicit ScriptedPeer(Script script, int receiveBuffer = 0);
     ScriptedPeer(const ScriptedPeer&) = delete;
-    ScriptedPeer& operator=(const ScriptedPeer&) = delete;
     ~ScriptedPeer();
 
     std::uint16_t port() const { return port_; }
@@ -79,17 +75,15 @@ class ScriptedPeer {
     std::vector<Visit>& visits();
 
   private:
-    void accept();
+    void start();
+    void finish();  // waits until whoever has connected is served
+    void serve(int descriptor);
 
     Script script_;
     int listener_;
-    int wakeUp_;  // readable: to settle, or stop, when nobody waits any more
+    int wakeUp_;  // readable: to finish when nobody waits any more
     std::uint16_t port_;
     std::vector<Visit> visits_;
-    std::mutex mutex_;  // guards the two below
-    std::condition_variable changed_;
-    bool settled_ = false;
-    bool stopping_ = false;
     std::thread thread_;
 };
 
@@ -98,8 +92,7 @@ class DeadPort {
   public:
     explicit DeadPort(std::uint16_t port = 0);  // 0: any
     DeadPort(const DeadPort&) = delete;
-    DeadPort& operator=(const DeadPort&) = delete;
-    ~DeadPort();
+    ~DeadPort() { ::close(descriptor_); }
 
     std::uint16_t port() const { return port_; }
     bool held() const { return port_ != 0; }  // false: somebody listens on the port asked for

@@ -14,13 +14,10 @@ namespace support {
 
 class TempDir {
   public:
-    TempDir() {
-        std::string name = (std::filesystem::temp_directory_path() / "velarto-test-XXXXXX").string();
-        if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary folder: " + name);
-        path_ = name;
+    TempDir() : path_((std::filesystem::temp_directory_path() / "velarto-test-XXXXXX").string()) {
+        if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("no temporary folder: " + path_);
     }
     TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
     ~TempDir() {
         std::error_code ignored;
         std::filesystem::remove_all(path_, ignored);
