@@ -9,13 +9,18 @@
 
 namespace {
 
-constexpr std::uint32_t kConnectTimeout = 1000;  // milliseconds
+constexpr std::uint32_t kConnectTimeout = 1000;         // milliseconds
+constexpr std::uint32_t kLargestTransfer = 0x40000000;  // bytes; a count of them is a positive int
 
 std::uint16_t portNumber(const char* text) {
     return text == nullptr ? std::uint16_t{0} : static_cast<std::uint16_t>(std::strtol(text, nullptr, 10));
 }
 
 }  // namespace
+
+SocCGIQuilClient::SocCGIQuilClient() {
+    setTransportStep(kLargestTransfer);
+}
 
 bool SocCGIQuilClient::connectToServer(const char* host, const char* port) {
     CText address;
@@ -30,22 +35,31 @@ bool SocCGIQuilClient::connectToServer(const char* host, const char* port) {
         socket_.DestroySocket();
         return false;
     }
-    aheadPosition_ = aheadFill_ = 0;
+    ahead_.Clear();
+    aheadPosition_ = 0;
     setServer(addressText, port, ntohl(peer.sin_addr.s_addr), ntohs(peer.sin_port));
     return true;
 }
 
 std::uint32_t SocCGIQuilClient::readFromTransport(void* dst, std::uint32_t len) {
-    if (aheadPosition_ == aheadFill_) {
-        const int received = socket_.Receive(ahead_, kReadAhead, 0);
-        if (received <= 0) return static_cast<std::uint32_t>(received);
+    if (aheadPosition_ == ahead_.GetDataSize()) {
+        if (len >= ahead_.GetBufferSize()) {  // what could be received ahead is received where it belongs
+            const std::uint32_t n = receive(dst, len);
+            if (n == len && ahead_.GetBufferSize() == 0) ahead_.SetBufferSize(kReadAhead);
+            return n;
+        }
+        const std::uint32_t n = receive(ahead_.GetBuffer(), ahead_.GetBufferSize());
+        if (n == 0 || n == kTransportError) return n;
+        ahead_.SetDataSize(n);
         aheadPosition_ = 0;
-        aheadFill_ = static_cast<std::uint32_t>(received);
     }
-    const std::uint32_t n = std::min(len, aheadFill_ - aheadPosition_);
-    std::memcpy(dst, ahead_ + aheadPosition_, n);
+    const std::uint32_t n = ahead_.Copy(static_cast<unsigned char*>(dst), len, aheadPosition_, len);
     aheadPosition_ += n;
     return n;
+}
+
+std::uint32_t SocCGIQuilClient::receive(void* dst, std::uint32_t len) {
+    return static_cast<std::uint32_t>(socket_.Receive(static_cast<char*>(dst), len, 0));
 }
 
 std::uint32_t SocCGIQuilClient::writeToTransport(const void* src, std::uint32_t len) {

@@ -9,8 +9,8 @@
 // The only place where a stream and a socket know each other. Numbers travel in network byte order.
 class SocCGIQuilClient : public QuilClient {
   public:
-    SocCGIQuilClient() {}  // leaves the receive buffer untouched: most answers need a page of it
-    SocCGIQuilClient(const SocCGIQuilClient&) : QuilClient() {}  // a fresh client
+    SocCGIQuilClient();
+    SocCGIQuilClient(const SocCGIQuilClient&) : SocCGIQuilClient() {}  // a fresh client
     SocCGIQuilClient& operator=(const SocCGIQuilClient&) {
         return *this;
     }  // a client keeps its own connection
@@ -30,12 +30,13 @@ class SocCGIQuilClient : public QuilClient {
     using QuilClient::connectToServer;
 
   private:
-    // The stream asks for 4 KB at a time. One receive takes what has come, up to this, and serves several of its
-    // refills: a large answer costs an eighth of the system calls.
-    static constexpr std::uint32_t kReadAhead = 32768;
+    // A refill of the stream asks for 4 KB. Once one was filled to the brim, a receive takes what has come, up to
+    // this, and serves the refills that follow too: a body piece of the usual size costs one system call.
+    static constexpr std::uint32_t kReadAhead = 65536;
 
     Socket socket_;
+    std::uint32_t receive(void* dst, std::uint32_t len);
+
+    CData ahead_;                      // empty until it is worth its memory
     std::uint32_t aheadPosition_ = 0;  // next byte to hand out
-    std::uint32_t aheadFill_ = 0;      // received
-    char ahead_[kReadAhead];
 };

@@ -122,13 +122,15 @@ bool Drip::readMark(const char* mark) {
 }
 
 // Reads size bytes into the block's buffer and leaves room for reserve bytes after them. A block that cannot
-// hold them fails before anything is read, as far as the size can be believed.
+// hold them fails before anything is read, as far as the size can be believed. A larger buffer stays as it is:
+// the next piece of a body will need it again.
 bool Drip::readBlock(CData& block, std::uint32_t size, std::uint32_t reserve) {
     if (size > 0xFFFFFFFFu - reserve) return false;
     std::uint32_t done = 0;
     do {
         const std::uint32_t step = std::min(size - done, std::max(done, kTrustedSize));
-        if (!block.SetBufferSize(done + step + reserve)) return false;
+        const std::uint32_t needed = done + step + reserve;
+        if (block.GetBufferSize() < needed && !block.SetBufferSize(needed)) return false;
         if (!readBuffer(block.GetBuffer() + done, step)) return false;
         done += step;
     } while (done < size);

@@ -38,13 +38,14 @@ bool NetBase::writeBuffer(const void* src, std::uint32_t len) {
 bool NetBase::writeLargeBlock(const unsigned char* src, std::uint32_t len) {
     if (src == nullptr || writeBegin() == 0) return false;
     while (len > kBufferSize) {
-        if (writeToTransport(src, kBufferSize) != kBufferSize) {
+        const std::uint32_t step = std::min(transportStep_, (len - 1) / kBufferSize * kBufferSize);
+        if (writeToTransport(src, step) != step) {
             writeEnd();
             return false;
         }
-        bytesWritten_ += kBufferSize;
-        src += kBufferSize;
-        len -= kBufferSize;
+        bytesWritten_ += step;
+        src += step;
+        len -= step;
     }
     const std::uint32_t taken = putBufferData(src, len) ? len : writeToTransport(src, len);
     if (taken != kTransportError) bytesWritten_ += len;
@@ -57,14 +58,21 @@ bool NetBase::readBuffer(void* dst, std::uint32_t len) {
         if (unread() != 0) return false;
         reading_ = true;
     }
+    if (dst == nullptr) return len == 0;
     auto* out = static_cast<unsigned char*>(dst);
     while (len > unread()) {
-        const std::uint32_t available = unread();
-        bytesRead_ += available;
-        if (available != 0 && !getBufferData(out, available)) return false;
-        out += available;
-        len -= available;
-        if (!internalRead()) return false;
+        std::uint32_t taken = unread();
+        if (taken != 0) {
+            getBufferData(out, taken);
+        } else if (len < kBufferSize) {
+            if (!internalRead()) return false;
+        } else {
+            taken = receive(out, std::min(len, transportStep_));
+            if (taken == 0) return false;
+        }
+        bytesRead_ += taken;
+        out += taken;
+        len -= taken;
     }
     bytesRead_ += len;
     return len == 0 || getBufferData(out, len);
@@ -112,13 +120,17 @@ bool NetBase::internalWrite() {
 bool NetBase::internalRead() {
     if (!reading_) flushBuffer();
     reading_ = true;
+    fill_ = receive(buffer_, kBufferSize);
+    return fill_ != 0;
+}
+
+// One transport read past the drained buffer: the bytes received, 0 when the peer closed and on error.
+std::uint32_t NetBase::receive(void* dst, std::uint32_t len) {
     invalidateBuffer();
-    if (readBegin() == 0) return false;
-    const std::uint32_t n = readFromTransport(buffer_, kBufferSize);
+    if (readBegin() == 0) return 0;
+    const std::uint32_t n = readFromTransport(dst, len);
     readEnd();
-    if (n == 0 || n == kTransportError) return false;
-    fill_ = std::min(n, kBufferSize);
-    return true;
+    return n == kTransportError ? 0 : std::min(n, len);
 }
 
 void NetBase::resetTheRealBuffer() {

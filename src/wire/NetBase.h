@@ -5,7 +5,7 @@
 
 // One 4096-byte buffer, used for output or for input, over a transport that a derived class supplies. Output
 // is collected until the buffer would overflow or is flushed; input is read in blocks of up to 4096 bytes and
-// handed out piecewise. Switching direction requires a drained buffer: a writer flushes before it reads, a
+// handed out piecewise. Large blocks pass the buffer by. Switching direction requires a drained buffer: a writer flushes before it reads, a
 // reader takes all input before it writes.
 //
 // Errors: every operation reports failure by a false result; afterwards the position in the byte stream is
@@ -38,7 +38,7 @@ class NetBase {
     // Queues or sends len bytes. Blocks of 4096 bytes and more go straight to the transport, except for their
     // last 1 to 4096 bytes, which wait for a flush.
     bool writeBuffer(const void* src, std::uint32_t len);
-    // Takes exactly len bytes.
+    // Takes exactly len bytes. As long as 4096 bytes and more are missing, they are received into dst itself.
     bool readBuffer(void* dst, std::uint32_t len);
     // Sends what is queued; when reading, drops unread input.
     bool flushBuffer();
@@ -55,9 +55,14 @@ class NetBase {
   protected:
     void markStreamBad() { streamGood_ = false; }
 
+    // How many bytes of a large block one transport call is to move: a multiple of kBufferSize, and just that
+    // unless a transport that does better with more says so.
+    void setTransportStep(std::uint32_t bytes) { transportStep_ = bytes; }
+
   private:
     bool internalWrite();
     bool internalRead();
+    std::uint32_t receive(void* dst, std::uint32_t len);
     bool putBufferData(const void* src, std::uint32_t len);
     bool getBufferData(unsigned char* dst, std::uint32_t len);
     void resetTheRealBuffer();
@@ -71,4 +76,5 @@ class NetBase {
     std::uint32_t bytesRead_ = 0;
     std::uint32_t bytesWritten_ = 0;
     bool streamGood_ = true;
+    std::uint32_t transportStep_ = kBufferSize;
 };
