@@ -49,20 +49,25 @@ bool isUserRef(const CText& text) {
 void parse_zorbi_server_param(const char* entry, char* sid, char* host, char* port) {
     sid[0] = host[0] = port[0] = 0;
     if (entry == nullptr) return;
-
-    // One character more than a field may have, so that a field that is too long shows.
-    char sidText[kServerFieldSize + 1] = {};
-    char hostText[kServerFieldSize + 1] = {};
-    char portText[kServerFieldSize + 1] = {};
     const auto commas = std::count(entry, entry + std::strlen(entry), ',');
-    if (commas == 1) std::sscanf(entry, "%32[^,],%32[^,]", hostText, portText);
-    if (commas == 2) std::sscanf(entry, "%32[^,],%32[^,],%32s", sidText, hostText, portText);
-    for (const char* text : {sidText, hostText, portText}) {
-        if (std::strlen(text) >= kServerFieldSize) return;
+    if (commas != 1 && commas != 2) return;
+
+    constexpr char kBlanks[] = " \t\n\v\f\r";
+    char* const fields[] = {sid, host, port};
+    const char* from = entry;
+    for (int i = commas == 1 ? 1 : 0; i < 3; ++i) {
+        const bool isThird = commas == 2 && i == 2;  // blanks around it do not count
+        if (isThird) from += std::strspn(from, kBlanks);
+        const std::size_t length = std::strcspn(from, isThird ? kBlanks : ",");
+        if (length >= kServerFieldSize) {
+            sid[0] = host[0] = port[0] = 0;
+            return;
+        }
+        std::memcpy(fields[i], from, length);
+        fields[i][length] = 0;
+        if (length == 0) return;  // nothing after an empty field counts
+        from += length + 1;
     }
-    std::strcpy(sid, sidText);
-    std::strcpy(host, hostText);
-    std::strcpy(port, portText);
 }
 
 bool QuilClient::ConnectToQuilServer(TQuilRequest* request, Stanza* clientSection, const char* clientName,
@@ -177,9 +182,9 @@ bool QuilClient::setUserRef(const TQuilRequest* request) {
                    '&');
     }
     if (!isUserRef(value)) {
-        CText body;
-        body.SetEqualTo(request->postArgs().GetBuffer(), request->postArgs().GetDataSize(), 0);
-        ScanCookie(body, "_UserReference", value, '&');
+        const CData& body = request->postArgs();
+        ScanCookie(reinterpret_cast<const char*>(body.GetBuffer()), body.GetDataSize(), "_UserReference",
+                   value, '&');
     }
     if (!isUserRef(value)) return false;
     std::strcpy(userRef_, value.GetTextEx());

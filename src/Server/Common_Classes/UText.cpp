@@ -557,21 +557,31 @@ std::uint32_t CText::CastDataToLong() const {
 }
 
 CText& ScanCookie(const CText& cookies, const CText& name, CText& value, char separator) {
+    return ScanCookie(cookies.GetTextEx(), cookies.Length(), name, value, separator);
+}
+
+CText& ScanCookie(const char* pairs, std::uint32_t length, const CText& name, CText& value, char separator) {
     value.Clear();
-    if (cookies.IsEmpty() || name.IsEmpty()) return value;
-    const char valueEnd[] = {'\r', '\n', separator, '\0'};
-    const char* p = cookies.GetText();
-    while (p != nullptr && (p = std::strstr(p, name.GetText())) != nullptr) {
+    if (pairs == nullptr || name.IsEmpty()) return value;
+    const char* const end = pairs + strnlen(pairs, length);
+    const auto rest = [end](const char* p) { return static_cast<std::size_t>(end - p); };
+    const auto skipBlanks = [end](const char* p) {
+        return std::find_if(p, end, [](char c) { return c != ' '; });
+    };
+    const auto endsValue = [separator](char c) { return c == '\r' || c == '\n' || c == separator; };
+
+    for (const char* p = pairs; p != nullptr;) {
+        p = static_cast<const char*>(memmem(p, rest(p), name.GetText(), name.Length()));
+        if (p == nullptr) break;
         p += name.Length();
-        const std::size_t blanks = std::strspn(p, " ");
-        p += blanks;
-        if (*p == '=') {
-            ++p;
-            if (blanks != 0) p += std::strspn(p, " ");
-            value.SetEqualTo(p, static_cast<std::uint32_t>(std::strcspn(p, valueEnd)), 0);
+        const char* equals = skipBlanks(p);
+        if (equals != end && *equals == '=') {
+            const char* first = equals == p ? equals + 1 : skipBlanks(equals + 1);
+            const char* last = std::find_if(first, end, endsValue);
+            value.SetEqualTo(first, static_cast<std::uint32_t>(last - first), 0);
             break;
         }
-        p = std::strchr(p, separator);
+        p = static_cast<const char*>(std::memchr(equals, separator, rest(equals)));
     }
     return value;
 }

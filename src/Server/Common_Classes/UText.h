@@ -187,3 +187,5 @@ class CTextLocal : public CText {
 // value ends at the separator, CR or LF. In "name = value" the blanks on both sides are skipped; without one
 // before "=", those after it belong to the value. Returns value.
 CText& ScanCookie(const CText& cookies, const CText& name, CText& value, char separator);
+// The same over length characters in memory, or up to the first NUL among them. value lies elsewhere.
+CText& ScanCookie(const char* pairs, std::uint32_t length, const CText& name, CText& value, char separator);
