@@ -70,7 +70,7 @@ void acceptColonInsideEntries(Stanza& stanza, CText& list) {
 
 ClientConfigResult ProcessClientConfig(ConfigFile* file, const CText& clientName, Stanza*& stanza) {
     if (file == nullptr) return CLIENT_CONFIG_NO_FILE;
-    if (!file->parseConfigFile()) {
+    if (!file->parseStanza(clientName)) {
         // Another process may have mended the file meanwhile: the write reads it again.
         file->createDirectoryStanza();
         if (!file->writeFile(true)) return CLIENT_CONFIG_NO_FILE;
@@ -78,6 +78,11 @@ ClientConfigResult ProcessClientConfig(ConfigFile* file, const CText& clientName
 
     bool changed = false;
     stanza = file->getStanza(clientName);
+    if (stanza == nullptr) {
+        // A new client is entered into the directory too.
+        if (!file->parseConfigFile()) return CLIENT_CONFIG_NO_FILE;
+        stanza = file->getStanza(clientName);
+    }
     if (stanza == nullptr) {
         stanza = addClientStanza(*file, clientName);
         changed = true;

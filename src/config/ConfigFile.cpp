@@ -65,14 +65,23 @@ ConfigFile::~ConfigFile() {
 // ---- reading ----
 
 bool ConfigFile::parseConfigFile() {
+    return parse(nullptr);
+}
+
+bool ConfigFile::parseStanza(const CText& name) {
+    return parse(&name);
+}
+
+bool ConfigFile::parse(const CText* only) {
     MutexLock lock(lock_);
     LockedFile file(path_);
-    if (doneOrReported(file.open(LockedFile::kRead), path_)) return pLoad(file);
+    if (doneOrReported(file.open(LockedFile::kRead), path_)) return pLoad(file, only);
     parseError_ = {"the file cannot be opened and locked", 0, 0, errno};
     return false;
 }
 
-bool ConfigFile::pLoad(const LockedFile& file) {
+// only: the name of the stanzas to keep; null for all.
+bool ConfigFile::pLoad(const LockedFile& file, const CText* only) {
     const auto isInvalid = [this](long long size) {
         if (size > 0 && size <= kMaxFileSize) return false;
         ReportSystemEvent(SYS_EVENT_ERROR, SYS_EVENT_CONFIG, "Invalid size (%lld) of the file %s", size,
@@ -83,7 +92,7 @@ bool ConfigFile::pLoad(const LockedFile& file) {
     if (isInvalid(file.status().st_size)) return false;
 
     CData content;
-    if (!doneOrReported(file.read(content, kMaxFileSize + 1), path_)) {
+    if (!doneOrReported(file.read(content, kMaxFileSize), path_)) {
         parseError_ = {"the file cannot be read", 0, 0, errno};
         return false;
     }
@@ -92,7 +101,8 @@ bool ConfigFile::pLoad(const LockedFile& file) {
 
     removeAllStanzas();
     ConfigParser parser(reinterpret_cast<const char*>(content.GetBuffer()), content.GetDataSize());
-    while (std::unique_ptr<Stanza> stanza = parser.nextStanza())
+    const auto next = [&] { return only != nullptr ? parser.findStanza(*only) : parser.nextStanza(); };
+    while (std::unique_ptr<Stanza> stanza = next())
         pAddStanza(stanza.release(), false);
     parseError_ = parser.error();
     if (parseError_.line != 0) return false;
@@ -287,7 +297,7 @@ bool ConfigFile::writeFile(bool merge) {
     if (!doneOrReported(file.open(merge ? LockedFile::kChange : LockedFile::kCreate), path_)) return false;
     if (!merge) return pStore(file);
     ConfigFile image(path_.GetText(), directoryName_.GetText());
-    return image.pLoad(file) && image.mergeConfigFiles(*this) && image.pStore(file);
+    return image.pLoad(file, nullptr) && image.mergeConfigFiles(*this) && image.pStore(file);
 }
 
 bool ConfigFile::removeStanzaWithWrite(const char* name) {
@@ -296,7 +306,7 @@ bool ConfigFile::removeStanzaWithWrite(const char* name) {
     LockedFile file(path_);
     if (!doneOrReported(file.open(LockedFile::kChange), path_)) return false;
     ConfigFile image(path_.GetText(), directoryName_.GetText());
-    if (!image.pLoad(file) || !image.mergeConfigFiles(*this)) return false;
+    if (!image.pLoad(file, nullptr) || !image.mergeConfigFiles(*this)) return false;
     image.pRemoveStanza(removed);
     const bool written = image.pStore(file);
     pRemoveStanza(removed);
@@ -308,7 +318,7 @@ bool ConfigFile::changeStanzaWithWrite(const char* name) {
     LockedFile file(path_);
     if (!doneOrReported(file.open(LockedFile::kChange), path_)) return false;
     ConfigFile image(path_.GetText(), directoryName_.GetText());
-    if (!image.pLoad(file)) return false;
+    if (!image.pLoad(file, nullptr)) return false;
 
     Stanza* onDisk = image.pGetStanza(name);
     Stanza* inMemory = pGetStanza(name);

@@ -33,7 +33,10 @@ class ConfigFile {
     // leaves the stanzas as they were; a syntax error leaves those completed before it. Pointers to stanzas
     // taken before are invalid.
     bool parseConfigFile();
-    ParseError lastParseError() const;        // why the last parseConfigFile() failed
+    // As parseConfigFile(), but keeps only what is named so: the rest of the file is checked, not built. For a
+    // reader who needs one stanza of a large file. What lists or writes stanzas sees that one alone.
+    bool parseStanza(const CText& name);
+    ParseError lastParseError() const;        // why the last parse failed
     std::time_t getModificationDate() const;  // of the file on disk, seconds; 0 on failure
     std::time_t GetParseTimestamp();          // the modification date at the last successful parse; 0 before
 
@@ -92,7 +95,8 @@ class ConfigFile {
     bool pAddStanza(Stanza* stanza, bool addToDirectory);
     bool pRemoveStanza(const CText& name);
 
-    bool pLoad(const LockedFile& file);
+    bool parse(const CText* only);
+    bool pLoad(const LockedFile& file, const CText* only);
     bool pReadsBack(const char* bytes, std::uint32_t size);
     bool pStore(LockedFile& file);
 

@@ -1,16 +1,39 @@
 // ConfigTokenizer and ConfigParser: reading the configuration file's syntax.
 #include "config/ConfigParser.h"
 
+#include <array>
 #include <cstring>
 
 namespace {
 
-bool isBlank(int c) {
-    return c == ' ' || c == '\t';
+constexpr std::size_t kMaxValueLength = 4095;
+
+// What ends a key, and the backslash, which may protect what follows it.
+constexpr std::array<bool, 256> kKeyStops = [] {
+    std::array<bool, 256> stops{};
+    for (const char c : {'\n', ';', '=', '[', '\\'})
+        stops[static_cast<unsigned char>(c)] = true;
+    return stops;
+}();
+
+// The first such character, or end. Most are a few bytes away, too near to call memchr(): a word in which c
+// leaves a zero byte is told from others by arithmetic.
+const char* find(const char* from, const char* end, char c) {
+    constexpr std::uint64_t kOnes = 0x0101010101010101;
+    const std::uint64_t sought = kOnes * static_cast<unsigned char>(c);
+    for (; end - from >= 8; from += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, from, sizeof word);
+        word ^= sought;
+        if (((word - kOnes) & ~word & kOnes << 7) != 0) break;
+    }
+    while (from != end && *from != c)
+        ++from;
+    return from;
 }
 
-bool isOneOf(const char* set, int c) {
-    return c > 0 && std::strchr(set, c) != nullptr;
+bool isBlank(char c) {
+    return c == ' ' || c == '\t';
 }
 
 }  // namespace
@@ -18,105 +41,157 @@ bool isOneOf(const char* set, int c) {
 // ---- tokens ----
 
 ConfigTokenizer::Token ConfigTokenizer::getToken(bool valueMode) {
-    text_.assign(1, '\0');
-    tokenStart_ = position_;
+    token_ = textBegin_ = textEnd_ = next_;
     if (valueMode) {
-        readText("\n", "\n", kMaxValueLength);
-        skipLine();
+        takeText(find(next_, end_, '\n'));
+        maxLength_ = kMaxValueLength;
+        pass('\n');
         return kValue;
     }
 
-    const bool indented = isBlank(peek());
-    while (isBlank(peek()))
-        ++position_;
-    tokenStart_ = position_;
-    switch (peek()) {
-        case kEnd:
-            return kEndOfFile;
+    while (next_ != end_ && isBlank(*next_))
+        ++next_;
+    const bool indented = next_ != token_;
+    token_ = next_;
+    if (next_ == end_) return kEndOfFile;
+    switch (*next_) {
         case ';':
-            skipLine();
+            next_ = find(next_, end_, '\n');
+            pass('\n');
             return kEndOfLine;
         case '[':
-            ++position_;
-            readText("]", "]", size_);
-            get();
+            pass('[');
+            takeText(find(next_, end_, ']'));
+            pass(']');
             return kStanzaHeader;
         case '\n':
         case '=':
             // After blanks it ends an empty key and is the next token.
             if (indented) return kKey;
-            return get() == '=' ? kEquals : kEndOfLine;
+            return *next_++ == '=' ? kEquals : kEndOfLine;
         default:
-            readText("\n;=[", "\n;=", size_);
-            return peek() == kEnd ? kEndOfFile : kKey;
+            takeText(findKeyEnd());
+            return next_ != end_ ? kKey : kEndOfFile;
     }
+}
+
+void ConfigTokenizer::skipPlainLines(std::size_t maxKeyLength) {
+    for (const char* line = next_; line != end_ && !isBlank(*line); line = next_) {
+        const char* p = line;
+        while (p != end_ && !kKeyStops[static_cast<unsigned char>(*p)])
+            ++p;
+        if (p == end_ || *p != '=' || p == line || static_cast<std::size_t>(p - line) > maxKeyLength) return;
+        next_ = p;
+        next_ = find(next_, end_, '\n');
+        pass('\n');
+    }
+}
+
+// A token ends in front of a backslash's partner only where that partner cannot be protected: any other
+// backslash has its partner inside.
+const char* ConfigTokenizer::text() {
+    text_.clear();
+    text_.reserve(length() + 1);
+    for (const char* p = textBegin_; p != textEnd_ && text_.size() < maxLength_; ++p) {
+        const bool isEscape = *p == '\\' && p + 1 != textEnd_;
+        const char decoded = isEscape ? Stanza::GetBSEscValue(p[1]) : '\0';
+        text_.push_back(decoded != '\0' ? decoded : *p);
+        if (isEscape) {
+            ++p;
+            if (decoded == '\0') text_.push_back(*p);
+        }
+    }
+    text_.push_back('\0');
+    return text_.data();
+}
+
+bool ConfigTokenizer::isVerbatim() const {
+    return find(textBegin_, textEnd_, '\\') == textEnd_ && find(textBegin_, textEnd_, '\0') == textEnd_;
 }
 
 void ConfigTokenizer::locate(std::uint32_t& line, std::uint32_t& column) const {
     line = 1;
     column = 1;
-    for (std::uint32_t i = 0; i < tokenStart_; ++i) {
+    for (const char* p = content_; p != token_; ++p) {
         ++column;
-        if (content_[i] == '\n') {
+        if (*p == '\n') {
             ++line;
             column = 1;
         }
     }
 }
 
-void ConfigTokenizer::skipLine() {
-    for (int c = get(); c != '\n' && c != kEnd;)
-        c = get();
+// The characters from here to end are the token's.
+void ConfigTokenizer::takeText(const char* end) {
+    textBegin_ = next_;
+    textEnd_ = next_ = end;
+    maxLength_ = length();
 }
 
-// Collects characters, escapes decoded, until one of ends is next or maxLength is reached. An unprotected
-// character keeps its meaning after a backslash.
-void ConfigTokenizer::readText(const char* ends, const char* unprotected, std::size_t maxLength) {
-    text_.clear();
-    while (text_.size() < maxLength && peek() != kEnd && !isOneOf(ends, peek())) {
-        const char c = static_cast<char>(get());
-        const int next = peek();
-        if (c != '\\' || next == kEnd || isOneOf(unprotected, next)) {
-            text_.push_back(c);
-            continue;
-        }
-        const char decoded = Stanza::GetBSEscValue(static_cast<char>(get()));
-        if (decoded != '\0') {
-            text_.push_back(decoded);
-        } else {
-            text_.push_back(c);
-            text_.push_back(static_cast<char>(next));
-        }
+void ConfigTokenizer::pass(char c) {
+    if (next_ != end_ && *next_ == c) ++next_;
+}
+
+// A backslash protects another one and "[".
+const char* ConfigTokenizer::findKeyEnd() const {
+    for (const char* p = next_; p != end_; ++p) {
+        if (!kKeyStops[static_cast<unsigned char>(*p)]) continue;
+        if (*p != '\\') return p;
+        if (p + 1 != end_ && (p[1] == '\\' || p[1] == '[')) ++p;
     }
-    text_.push_back('\0');
+    return end_;
 }
 
 // ---- stanzas ----
 
 std::unique_ptr<Stanza> ConfigParser::nextStanza() {
+    return readHeader() ? readStanza() : nullptr;
+}
+
+std::unique_ptr<Stanza> ConfigParser::findStanza(const CText& wanted) {
+    while (readHeader()) {
+        if (mayBe(wanted) && wanted == name()) return readStanza();
+        if (!readBody(nullptr)) break;
+    }
+    return nullptr;
+}
+
+// Whether the header just taken can have that name: one that stands for itself has as many bytes.
+bool ConfigParser::mayBe(const CText& wanted) const {
+    return tokens_.length() == wanted.Length() || tokens_.length() > kMaxNameLength || !tokens_.isVerbatim();
+}
+
+// Takes the next stanza's header; false at the end of the file and after an error.
+bool ConfigParser::readHeader() {
     ConfigTokenizer::Token token = tokens_.getToken(false);
     while (token == ConfigTokenizer::kEndOfLine)
         token = tokens_.getToken(false);
-    if (token == ConfigTokenizer::kEndOfFile) return nullptr;
-    if (token != ConfigTokenizer::kStanzaHeader) {
-        fail("outside of a section: only comments, empty lines and [section] headers are allowed here");
-        return nullptr;
-    }
-    const bool tooLong = std::strlen(tokens_.text()) > kMaxNameLength;
-    auto stanza = std::make_unique<Stanza>(tooLong ? "" : tokens_.text());
-    return readHeaderEnd() && readAttributes(*stanza) ? std::move(stanza) : nullptr;
+    if (token == ConfigTokenizer::kStanzaHeader) return true;
+    if (token == ConfigTokenizer::kEndOfFile) return false;
+    return fail("outside of a section: only comments, empty lines and [section] headers are allowed here");
 }
 
-// Blanks alone are an empty key to the tokenizer.
-bool ConfigParser::readHeaderEnd() {
+// Of the header just taken.
+const char* ConfigParser::name() {
+    const char* text = tokens_.text();
+    return std::strlen(text) > kMaxNameLength ? "" : text;
+}
+
+std::unique_ptr<Stanza> ConfigParser::readStanza() {
+    auto stanza = std::make_unique<Stanza>(name());
+    return readBody(stanza.get()) ? std::move(stanza) : nullptr;
+}
+
+// What follows the name. Without a stanza to fill it is only checked.
+bool ConfigParser::readBody(Stanza* stanza) {
     ConfigTokenizer::Token token = tokens_.getToken(false);
+    // Blanks alone are an empty key to the tokenizer.
     if (token == ConfigTokenizer::kKey && tokens_.length() == 0) token = tokens_.getToken(false);
-    if (token == ConfigTokenizer::kEndOfLine) return true;
-    return fail("after a section header only blanks and a comment may stand on its line");
-}
+    if (token != ConfigTokenizer::kEndOfLine)
+        return fail("after a section header only blanks and a comment may stand on its line");
 
-bool ConfigParser::readAttributes(Stanza& stanza) {
-    for (;;) {
+    for (CText key;;) {
+        if (stanza == nullptr) tokens_.skipPlainLines(kMaxNameLength);
         switch (tokens_.getToken(false)) {
             case ConfigTokenizer::kEndOfLine:
             case ConfigTokenizer::kEndOfFile:
@@ -128,13 +203,14 @@ bool ConfigParser::readAttributes(Stanza& stanza) {
             default:
                 return fail("no key before the =");
         }
-        if (std::strlen(tokens_.text()) > kMaxNameLength)
+        if (tokens_.length() > kMaxNameLength && std::strlen(tokens_.text()) > kMaxNameLength)
             return fail("the key is longer than 254 characters");
-        const CTextLocal<kMaxNameLength + 1> key(tokens_.text());
+        const bool isEmptyKey = tokens_.length() == 0;
+        if (stanza != nullptr) key = tokens_.text();
         if (tokens_.getToken(false) != ConfigTokenizer::kEquals)
-            return fail(key.IsEmpty() ? "a line of blanks inside a section" : "no = after the key");
+            return fail(isEmptyKey ? "a line of blanks inside a section" : "no = after the key");
         tokens_.getToken(true);
-        stanza.addValue(key.GetTextEx(), tokens_.text());
+        if (stanza != nullptr) stanza->addValue(key.GetTextEx(), tokens_.text());
     }
 }
 

@@ -29,37 +29,46 @@ struct ParseError {
 // In names, keys and values a backslash and "r", "n" or a backslash stand for CR, LF and one backslash;
 // before any other character a backslash is itself. It protects nothing but "[" in a key. A NUL byte ends the
 // text that it stands in; what follows it there is dropped.
+//
+// Every byte of the file passes here at each request, and hardly any is needed: a token is found first, and
+// decoded only when somebody asks for its text.
 class ConfigTokenizer {
   public:
     enum Token { kEndOfFile = 1, kKey = 2, kEndOfLine = 3, kStanzaHeader = 4, kValue = 5, kEquals = 6 };
 
     // The content stays the caller's and outlives the tokenizer.
-    ConfigTokenizer(const char* content, std::uint32_t size) : content_(content), size_(size) {}
+    ConfigTokenizer(const char* content, std::uint32_t size)
+        : content_(content), end_(content + size), next_(content), token_(content) {}
 
     // A key that the file ends in, without "=", is dropped: kEndOfFile.
     Token getToken(bool valueMode);
 
-    // Of a key, header or value token. Valid until the next getToken().
-    const char* text() const { return text_.data(); }
-    std::size_t length() const { return text_.size() - 1; }  // what a NUL byte cut off included
+    // Passes over attribute lines that the grammar takes whatever they say, as nearly all are: a key of 1 to
+    // maxKeyLength bytes without a blank in front and without a special character, then "=" and a value.
+    void skipPlainLines(std::size_t maxKeyLength);
+
+    // Of a key, header or value token: its bytes in the file / the text that they stand for, which is never
+    // longer. The text is valid until the next call.
+    std::size_t length() const { return static_cast<std::size_t>(textEnd_ - textBegin_); }
+    const char* text();
+    bool isVerbatim() const;  // nothing to decode: the bytes are the text
 
     // Where the last token begins, counted from 1.
     void locate(std::uint32_t& line, std::uint32_t& column) const;
 
   private:
-    static constexpr int kEnd = -1;
-    static constexpr std::size_t kMaxValueLength = 4095;
+    void takeText(const char* end);
+    void pass(char c);
+    const char* findKeyEnd() const;
 
-    int get() { return position_ < size_ ? static_cast<unsigned char>(content_[position_++]) : kEnd; }
-    int peek() const { return position_ < size_ ? static_cast<unsigned char>(content_[position_]) : kEnd; }
-    void skipLine();
-    void readText(const char* ends, const char* unprotected, std::size_t maxLength);
-
-    const char* content_;
-    std::uint32_t size_;
-    std::uint32_t position_ = 0;
-    std::uint32_t tokenStart_ = 0;
-    std::vector<char> text_{'\0'};
+    const char* const content_;
+    const char* const end_;
+    const char* next_;   // the first character that belongs to no token yet
+    const char* token_;  // where the last token begins
+    const char* textBegin_ = nullptr;
+    const char* textEnd_ = nullptr;
+    std::size_t maxLength_ = 0;
+    std::vector<char> text_;
 };
 
 // Builds the stanzas of a file one after the other. Between two of them stands at least one empty or comment
@@ -71,13 +80,19 @@ class ConfigParser {
     // The next stanza of the file; null at its end and after an error.
     std::unique_ptr<Stanza> nextStanza();
 
+    // The next stanza of that name; the others on the way are checked, not built.
+    std::unique_ptr<Stanza> findStanza(const CText& name);
+
     const ParseError& error() const { return error_; }
 
   private:
     static constexpr std::uint32_t kMaxNameLength = 254;
 
-    bool readHeaderEnd();
-    bool readAttributes(Stanza& stanza);
+    bool readHeader();
+    const char* name();
+    bool mayBe(const CText& wanted) const;
+    std::unique_ptr<Stanza> readStanza();
+    bool readBody(Stanza* stanza);
     bool fail(const char* reason);
 
     ConfigTokenizer tokens_;

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -180,15 +181,16 @@ bool LockedFile::isPlain() const {
 }
 
 FileFault LockedFile::read(CData& out, std::uint32_t maxSize) const {
+    const auto wanted = static_cast<std::uint32_t>(std::min(status_.st_size, off_t{maxSize}));
     out.Clear();
-    if (!out.SetBufferSize(maxSize)) {
+    if (!out.SetBufferSize(wanted)) {
         errno = ENOMEM;
         return FileFault::kRead;
     }
     std::uint32_t size = 0;
-    while (size < maxSize) {
+    while (size < wanted) {
         const auto readOn = [&] {
-            return ::pread(file_.get(), out.GetBuffer() + size, maxSize - size, off_t{size});
+            return ::pread(file_.get(), out.GetBuffer() + size, wanted - size, off_t{size});
         };
         const ssize_t n = uninterrupted(readOn);
         if (n == -1) return FileFault::kRead;

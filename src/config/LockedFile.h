@@ -39,7 +39,7 @@ class LockedFile {
 
     const struct stat& status() const { return status_; }  // taken when the lock was granted
 
-    // The first maxSize bytes of the file, fewer when it is shorter.
+    // The first maxSize bytes of the file as long as it was when it was locked; fewer when it has shrunk since.
     FileFault read(CData& out, std::uint32_t maxSize) const;
 
     // Makes the bytes the file's whole content; on any failure the file keeps its old content. REQUIRES
