@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "Server/General/FixedText.h"
 #include "cgi/VeHttpResponse.h"
 #include "client/QuilClientError.h"
 #include "platform/osfile_impl.h"
@@ -17,8 +18,7 @@ constexpr unsigned kLongestRun = 300;  // seconds, then the alarm ends the proce
 
 char StanzaName[256];  // the program's base name: the client's name
 
-// Of standard output: a small page leaves in one write, whatever the C library's own size is.
-char outputBuffer[32768];
+CData heldHeader;  // of the response, until something follows it: a small page leaves in one write
 
 // The CGI variable of each parameter that has one, in id order.
 struct ParamVariable {
@@ -79,7 +79,7 @@ void closeStandardError() {
 
 void setStanzaName(const char* programPath) {
     const char* slash = std::strrchr(programPath, '/');
-    std::snprintf(StanzaName, sizeof StanzaName, "%s", slash != nullptr ? slash + 1 : programPath);
+    CopyFixedText(StanzaName, slash != nullptr ? slash + 1 : programPath);
 }
 
 bool readPostArgs(ve_hrequest_t* request, const char* contentLength) {
@@ -93,7 +93,15 @@ bool readPostArgs(ve_hrequest_t* request, const char* contentLength) {
            VeRequestSetPostArgDataSize(request, size);
 }
 
+// Passes the bytes on, after what is held. Whether somebody still reads them is not examined.
+void writeOutput(const char* bytes, std::uint32_t length) {
+    iovec parts[] = {{heldHeader.GetBuffer(), heldHeader.GetDataSize()}, {const_cast<char*>(bytes), length}};
+    WriteOSFile(STDOUT_FILENO, parts, 2);
+    heldHeader.Clear();
+}
+
 void writeErrorPage(std::uint32_t code) {
+    writeOutput(nullptr, 0);
     write_nph(stdout, StanzaName);
     std::fprintf(stdout, "Content-type: text/html\r\n\r\n%s", VeClientGetErrorHtml(nullptr, code));
 }
@@ -162,14 +170,15 @@ bool VeClientDispatchCB(ve_hclient_t* /*connection*/, TQUILReqType type, const c
                 length = static_cast<std::uint32_t>(std::strlen(data));
             }
             VeHttpReleaseResponse(response);
-            std::fwrite(data, 1, length, stdout);
+            writeOutput(nullptr, 0);
+            if (heldHeader.SetEqualTo(data, length, 0) != length) writeOutput(data, length);
             return true;
         }
         case QUIL_BODY_DATA:
-            std::fwrite(data, 1, length, stdout);
+            writeOutput(data, length);
             return true;
         case QUIL_END:
-            std::fflush(stdout);
+            writeOutput(nullptr, 0);
             return true;
         default:
             return true;
@@ -179,7 +188,6 @@ bool VeClientDispatchCB(ve_hclient_t* /*connection*/, TQUILReqType type, const c
 int main(int argc, char** argv) {
     setAlarm();
     closeStandardError();
-    std::setvbuf(stdout, outputBuffer, _IOFBF, sizeof outputBuffer);
     const char* programPath = argc > 0 ? argv[0] : "";
     setStanzaName(programPath);
     const int code = serveRequest(programPath);

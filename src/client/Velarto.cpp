@@ -2,8 +2,8 @@
 #include "client/Velarto.h"
 
 #include <cstring>
-#include <new>
 
+#include "Server/General/FirstInPlace.h"
 #include "client/ClientEnvironment.h"
 #include "client/ConfigClnt.h"
 #include "client/QuilClientError.h"
@@ -55,7 +55,7 @@ CText configuredErrorFile() {
 // ---- connections ----
 
 ve_hclient_t* VeClientCreateConnection(std::uint32_t /*flags*/) {
-    auto* client = new (std::nothrow) SocCGIQuilClient;
+    SocCGIQuilClient* client = FirstInPlace<SocCGIQuilClient>::create();
     if (client == nullptr) return nullptr;
     ReadLock lock(RWLock);
     if (lock) client->SetReadWriteTimeout(ClientRrWrTimeout);
@@ -64,7 +64,7 @@ ve_hclient_t* VeClientCreateConnection(std::uint32_t /*flags*/) {
 
 bool VeClientDestroyConnection(ve_hclient_t* connection) {
     QuilClient* client = asClient(connection);
-    delete client;
+    FirstInPlace<SocCGIQuilClient>::destroy(client);
     return client != nullptr;
 }
 

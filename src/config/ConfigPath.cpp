@@ -21,8 +21,9 @@ struct FileCloser {
 using File = std::unique_ptr<std::FILE, FileCloser>;
 
 // Empty when there is no such user. The look-up loads the name service's modules, which costs more than the
-// rest of a start: only for a caller who has no other way to the base.
-CText homeOfVelartoUser() {
+// rest of a start: only for a caller who has no other way to the base. Not inlined, because everybody would
+// pay for the buffer on the stack.
+[[gnu::noinline]] CText homeOfVelartoUser() {
     char buffer[16384];
     passwd entry;
     passwd* found = nullptr;

@@ -2,7 +2,6 @@
 #include <link.h>
 
 #include <cstdint>
-#include <cstdlib>
 
 extern "C" {
 
@@ -59,11 +58,3 @@ int _dl_find_object(void* address, struct dl_find_object* result) {
     *result = {};
     return dl_iterate_phdr(lookInObject, &search) == 1 ? 0 : -1;
 }
-
-// The containers' only way to fail beyond lack of memory; the standard library's own would bring its strings and locales.
-namespace std {
-[[noreturn]] void __throw_length_error(const char*);
-void __throw_length_error(const char*) {
-    abort();
-}
-}  // namespace std

@@ -14,8 +14,9 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <ctime>
 #include <utility>
+
+#include "platform/systimer_impl.h"
 
 namespace {
 
@@ -69,29 +70,34 @@ int repeatUntil(int size, Step step) {
 
 }  // namespace
 
-// A point of the monotonic clock.
+// A time-out. It begins with the first wait: most transfers end without one, and without a look at the clock.
 class Socket::Deadline {
   public:
-    explicit Deadline(std::uint32_t milliseconds) : end_(now() + milliseconds * kMillisecond) {}
-
-    bool hasPassed() const { return now() >= end_; }
+    explicit Deadline(std::uint32_t milliseconds) : left_(milliseconds * kMillisecond) {}
 
     // Milliseconds for poll(), rounded up so that no wait ends early; a longer wait takes several.
-    int pollTime() const {
-        const std::int64_t left = (end_ - now() + kMillisecond - 1) / kMillisecond;
-        return static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX));
+    int pollTime() {
+        look();
+        return static_cast<int>(
+            std::clamp<std::int64_t>((left_ + kMillisecond - 1) / kMillisecond, 0, INT_MAX));
+    }
+
+    bool hasPassed() {
+        look();
+        return left_ <= 0;
     }
 
   private:
     static constexpr std::int64_t kMillisecond = 1000000;  // nanoseconds
 
-    static std::int64_t now() {
-        timespec time{};
-        clock_gettime(CLOCK_MONOTONIC, &time);
-        return time.tv_sec * (1000 * kMillisecond) + time.tv_nsec;
+    void look() {
+        const std::int64_t now = MonotonicTime();
+        if (seen_ != 0) left_ -= now - seen_;
+        seen_ = now;
     }
 
-    std::int64_t end_;
+    std::int64_t left_;
+    std::int64_t seen_ = 0;  // when the clock was read last
 };
 
 // ---- life ----
@@ -313,12 +319,13 @@ bool Socket::Select(std::uint32_t milliseconds, bool read, bool write, bool exce
         return false;
     }
     const int events = (read ? POLLIN : 0) | (write ? POLLOUT : 0) | (except ? POLLPRI : 0);
-    return waitUntil(Deadline(milliseconds), static_cast<short>(events));
+    Deadline deadline(milliseconds);
+    return waitUntil(deadline, static_cast<short>(events));
 }
 
 // The one place that waits: true when an event has come, else the reason is in lastError_. As with select(),
 // a broken connection counts as readable and writable but not as exceptional, and no events means to sleep.
-bool Socket::waitUntil(const Deadline& deadline, short events) {
+bool Socket::waitUntil(Deadline& deadline, short events) {
     const int sought = (events & (POLLIN | POLLOUT)) != 0 ? events | POLLERR | POLLHUP : events;
     pollfd entry{events != 0 ? descriptor_ : -1, events, 0};
     lastError_ = 0;
@@ -350,7 +357,7 @@ int Socket::transfer(std::uint32_t size, short events, Attempt attempt) {
         lastError_ = ENOTSOCK;
         return -1;
     }
-    const Deadline deadline(readWriteTimeout_);
+    Deadline deadline(readWriteTimeout_);
     for (bool waits = size == 0;; waits = true) {
         if (waits && !waitUntil(deadline, events)) return -1;
         const ssize_t count = attempt();

@@ -102,7 +102,7 @@ class Socket {
     bool bindDescriptor();
     bool closeDescriptor();
     bool failCreation();
-    bool waitUntil(const Deadline& deadline, short events);
+    bool waitUntil(Deadline& deadline, short events);
     template <typename Attempt>
     int transfer(std::uint32_t size, short events, Attempt attempt);
     template <typename WantsMore>

@@ -34,12 +34,14 @@ bool TEvent::ResetEvent() {
 }
 
 int TEvent::WaitForEvent(std::uint32_t timeoutMs) {
-    timespec deadline;
-    GetAbsoluteTime(timeoutMs, deadline);
     if (!lock()) return kFailed;
     int error = 0;
-    while (!signalled_ && error == 0)
-        error = pthread_cond_timedwait(&condition_, &mutex_, &deadline);
+    if (!signalled_) {
+        timespec deadline;
+        GetAbsoluteTime(timeoutMs, deadline);
+        while (!signalled_ && error == 0)
+            error = pthread_cond_timedwait(&condition_, &mutex_, &deadline);
+    }
     const bool signalled = signalled_;
     if (!manualReset_) signalled_ = false;
     if (!unlock()) return kFailed;

@@ -1,7 +1,10 @@
 #include "platform/osfile_impl.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 static_assert(sizeof(off_t) == 8, "a 32-bit build needs _FILE_OFFSET_BITS=64");
 
@@ -14,6 +17,11 @@ bool setFileLock(int fd, short type) {
     lock.l_type = type;
     lock.l_whence = SEEK_SET;
     return uninterrupted([&] { return fcntl(fd, F_SETLKW, &lock); }) != -1;
+}
+
+bool waitUntilWritable(int fd) {
+    pollfd entry{fd, POLLOUT, 0};
+    return uninterrupted([&] { return poll(&entry, 1, -1); }) == 1;
 }
 
 }  // namespace
@@ -44,6 +52,29 @@ std::int64_t ReadOSFile(int fd, void* buffer, std::uint32_t size) {
         done += static_cast<std::uint32_t>(n);
     }
     return done;
+}
+
+bool WriteOSFile(int fd, iovec* parts, int count) {
+    while (count > 0) {
+        if (parts->iov_len == 0) {
+            ++parts;
+            --count;
+            continue;
+        }
+        ssize_t n = writev(fd, parts, count);
+        if (n == -1) {
+            const bool goesOn = errno == EINTR || (errno == EAGAIN && waitUntilWritable(fd));
+            if (!goesOn) return false;
+            continue;
+        }
+        for (iovec* part = parts; n > 0; ++part) {
+            const std::size_t step = std::min(static_cast<std::size_t>(n), part->iov_len);
+            part->iov_base = static_cast<char*>(part->iov_base) + step;
+            part->iov_len -= step;
+            n -= static_cast<ssize_t>(step);
+        }
+    }
+    return true;
 }
 
 void Descriptor::reset(int fd) {

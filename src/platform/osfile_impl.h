@@ -2,6 +2,7 @@
 #pragma once
 
 #include <sys/stat.h>
+#include <sys/uio.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -19,6 +20,10 @@ bool UnLockOSFile(int fd);
 
 // Reads from the descriptor's position until size bytes have come or it ends. The count, or -1.
 std::int64_t ReadOSFile(int fd, void* buffer, std::uint32_t size);
+
+// Writes all bytes of the parts, in order and in as few system calls as the descriptor allows; waits where it
+// is non-blocking and full. False with errno when a write fails. The parts are used up.
+bool WriteOSFile(int fd, iovec* parts, int count);
 
 // An open descriptor, closed at the end of its life. Closing leaves errno alone.
 class Descriptor {

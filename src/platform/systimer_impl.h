@@ -12,6 +12,9 @@ extern const timeval BaseTimeValue;
 // two such counts is right across the wrap.
 std::uint32_t millisecondsBetween(const timeval& from, const timeval& to);
 
+// The clock that nobody sets, in nanoseconds from some point.
+std::int64_t MonotonicTime();
+
 // Milliseconds since BaseTimeValue, 0 when that or the time of day cannot be had. Follows the time of day,
 // also when it is set.
 std::uint32_t GetTickCountEx();

@@ -5,8 +5,9 @@
 #include <sys/stat.h>
 
 #include <cstring>
-#include <new>
 
+#include "Server/General/FirstInPlace.h"
+#include "Server/General/FixedText.h"
 #include "protocol/FileContent.h"
 
 namespace {
@@ -23,7 +24,7 @@ std::uint32_t fileTime(const CText& path) {
 
 }  // namespace
 
-QuilClient::QuilClient() : scratch_(kScratchMin) {}
+QuilClient::QuilClient() = default;
 
 QuilClient::QuilClient(const QuilClient&) : QuilClient() {}
 
@@ -54,7 +55,7 @@ bool QuilClient::SendQuilRequest(TQuilRequest* request) {
 }
 
 bool QuilClient::DispatchQuilRequests(DispatchCallback callback, void* user, bool parseFilePaths) {
-    CText payload;
+    CText& payload = payload_;
     for (;;) {
         std::uint32_t type = 0;
         std::uint32_t version = 0;
@@ -116,11 +117,11 @@ void QuilClient::FileToNativePath(CText& path) {
 }
 
 TQuilRequest* QuilClient::AllocQuilRequest() {
-    return new (std::nothrow) TQuilRequest;
+    return FirstInPlace<TQuilRequest>::create();
 }
 
 void QuilClient::FreeQuilRequest(TQuilRequest* request) {
-    delete request;
+    FirstInPlace<TQuilRequest>::destroy(request);
 }
 
 CData& QuilClient::GetScratchBuffer(std::uint32_t size) {
@@ -139,8 +140,8 @@ CData& QuilClient::GetScratchBuffer(std::uint32_t size) {
 
 void QuilClient::setServer(const char* addressText, const char* portText, std::uint32_t address,
                            std::uint16_t port) {
-    std::snprintf(serverIP_, sizeof serverIP_, "%s", addressText);
-    std::snprintf(serverPort_, sizeof serverPort_, "%s", portText);
+    CopyFixedText(serverIP_, addressText);
+    CopyFixedText(serverPort_, portText);
     connectedAddress_ = address;
     connectedPort_ = port;
 }

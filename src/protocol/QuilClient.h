@@ -106,6 +106,7 @@ class QuilClient : public DripClient {
 
     ValidityTag<4212> handleTag_;
     CData scratch_;
+    CText payload_;  // of the message being served; its memory serves every one
     CText clientName_;
     CText serverEntry_;
     char sid_[kFieldSize] = {};

@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <cstddef>
+#include <cstring>
 
 namespace {
 
@@ -55,8 +56,11 @@ TQUILReqParamID FindQuilParamID(const char* name) {
 }
 
 TQuilRequest::TQuilRequest() {
-    for (const QuilReqParamDesc& desc : QuilReqParamDescs)
-        params_[desc.id].key() = desc.name;
+    // Laid over the names, which nobody changes, rather than 25 copies.
+    for (const QuilReqParamDesc& desc : QuilReqParamDescs) {
+        const auto size = static_cast<std::uint32_t>(std::strlen(desc.name) + 1);
+        params_[desc.id].key().SetBuffer(const_cast<char*>(desc.name), size, size);
+    }
 }
 
 TQuilRequest::~TQuilRequest() {

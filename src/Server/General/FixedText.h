@@ -1,0 +1,13 @@
+// Text in a character array of fixed size.
+#pragma once
+
+#include <cstddef>
+#include <cstring>
+
+// Copies as much of source as fits, and a NUL after it. Null counts as empty.
+template <std::size_t N>
+void CopyFixedText(char (&dest)[N], const char* source) {
+    const std::size_t length = source != nullptr ? strnlen(source, N - 1) : 0;
+    std::memcpy(dest, source, length);
+    dest[length] = 0;
+}

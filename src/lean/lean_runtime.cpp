@@ -1,0 +1,61 @@
+// What the lean gateway has in place of parts of g++'s language runtime, which cost something at every start.
+#include <cstddef>
+#include <cstdlib>
+
+namespace {
+
+// An exception in flight has the runtime's record in front of it (Itanium C++ ABI, 2.2.1); this is enough for
+// every version of that record, and keeps the alignment of malloc().
+constexpr std::size_t kRecord = 256;
+
+void* allocateCleared(std::size_t size) {
+    void* block = std::calloc(1, size);
+    if (block == nullptr) std::abort();
+    return block;
+}
+
+}  // namespace
+
+// Exceptions come from the heap alone: the runtime's own reserve for a full memory is 73 KB, had and touched before
+// main() begins.
+extern "C" {
+
+void* __cxa_allocate_exception(std::size_t size) noexcept;
+void __cxa_free_exception(void* thrown) noexcept;
+void* __cxa_allocate_dependent_exception() noexcept;
+void __cxa_free_dependent_exception(void* record) noexcept;
+
+void* __cxa_allocate_exception(std::size_t size) noexcept {
+    return static_cast<char*>(allocateCleared(kRecord + size)) + kRecord;
+}
+
+void __cxa_free_exception(void* thrown) noexcept {
+    std::free(static_cast<char*>(thrown) - kRecord);
+}
+
+void* __cxa_allocate_dependent_exception() noexcept {
+    return allocateCleared(kRecord);
+}
+
+void __cxa_free_dependent_exception(void* record) noexcept {
+    std::free(record);
+}
+}
+
+// An exception that nobody catches ends the process without a word: standard error leads nowhere, and the words would
+// need a demangler as large as the rest of the gateway.
+namespace __gnu_cxx {
+void __verbose_terminate_handler();
+void __verbose_terminate_handler() {
+    std::abort();
+}
+}  // namespace __gnu_cxx
+
+// The containers' only way to fail beyond lack of memory; the standard library's own would bring its strings and
+// locales.
+namespace std {
+[[noreturn]] void __throw_length_error(const char*);
+void __throw_length_error(const char*) {
+    abort();
+}
+}  // namespace std
