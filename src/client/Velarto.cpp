@@ -7,6 +7,7 @@
 #include "client/ClientEnvironment.h"
 #include "client/ConfigClnt.h"
 #include "client/QuilClientError.h"
+#include "platform/memory_impl.h"
 #include "protocol/FileContent.h"
 #include "protocol/SocCGIQuilClient.h"
 
@@ -131,6 +132,7 @@ const char* VeRequestGetAtrtibute(ve_hrequest_t* request, TQUILReqParamID id) {
 unsigned char* VeRequestGetPostArgBuffer(ve_hrequest_t* request, std::uint32_t size) {
     TQuilRequest* record = asRequest(request);
     if (record == nullptr || !record->postArgs().SetBufferSize(size)) return nullptr;
+    AdviseHugePages(record->postArgs().GetBuffer(), size);
     return record->postArgs().GetBuffer();
 }
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "platform/memory_impl.h"
 #include "platform/osfile_impl.h"
 
 bool ReadFileContent(const char* path, CData& content, std::uint32_t& size) {
@@ -15,6 +16,7 @@ bool ReadFileContent(const char* path, CData& content, std::uint32_t& size) {
 
     size = static_cast<std::uint32_t>(status.st_size);
     if (!content.SetBufferSize(size)) return false;
+    AdviseHugePages(content.GetBuffer(), size);
     const std::int64_t got = ReadOSFile(file.get(), content.GetBuffer(), size);
     if (got < 0) return false;
     content.SetDataSize(static_cast<std::uint32_t>(got));

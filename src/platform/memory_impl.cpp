@@ -1,0 +1,16 @@
+#include "platform/memory_impl.h"
+
+#include <sys/mman.h>
+
+#include <cerrno>
+
+void AdviseHugePages(void* block, std::uint32_t size) {
+    constexpr std::uintptr_t kHugePage = 2 * 1024 * 1024;
+    const auto begin = reinterpret_cast<std::uintptr_t>(block);
+    const std::uintptr_t first = (begin + kHugePage - 1) & ~(kHugePage - 1);
+    const std::uintptr_t end = (begin + size) & ~(kHugePage - 1);
+    if (first >= end) return;
+    const int keptErrno = errno;
+    madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);
+    errno = keptErrno;
+}
