@@ -1,21 +1,14 @@
-// Benchmarks of the pieces (marshalling, configuration, header check) and of the whole process. Compare
-// figures of one run with one another; machines are noisy.
+// Benchmarks of the gateway's pieces: marshalling, configuration, header check. Compare figures of one run with
+// one another; machines are noisy.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <netinet/tcp.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 
 #include "cgi/VeHttpResponse.h"
 #include "config/ConfigFile.h"
@@ -136,98 +129,5 @@ void CheckHeader(benchmark::State& state) {
     }
 }
 BENCHMARK(CheckHeader)->ArgName("fields")->Arg(0)->Arg(1);
-
-// An application server that answers each connection with one small page and takes the acknowledgements as
-// they come.
-class PageServer {
-  public:
-    PageServer() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        bind(listener_, reinterpret_cast<sockaddr*>(&address), size);
-        listen(listener_, 64);
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
-        port_ = ntohs(address.sin_port);
-        thread_ = std::thread([this] { serve(); });
-    }
-    ~PageServer() {
-        shutdown(listener_, SHUT_RDWR);
-        thread_.join();
-        close(listener_);
-    }
-    int port() const { return port_; }
-
-  private:
-    static std::string message(char type, const std::string& text) {
-        std::string bytes("QUIL\xFF\xFD\xFF\xFD\0\0\0", 11);
-        bytes += type;
-        if (type != QUIL_END) {
-            const std::uint32_t length = htonl(static_cast<std::uint32_t>(text.size()));
-            bytes.append(reinterpret_cast<const char*>(&length), sizeof length);
-            bytes += text;
-        }
-        return bytes + "END!";
-    }
-
-    void serve() const {
-        const std::string answer =
-            message(QUIL_HTTP_HEADER, "HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\n\r\n");
-        const std::string rest = message(QUIL_BODY_DATA, std::string(1024, 'x'));
-        const std::string end = message(QUIL_END, "");
-        for (int peer; (peer = accept(listener_, nullptr, nullptr)) >= 0; close(peer)) {
-            std::string request;
-            char buffer[4096];
-            while (request.size() < 4 || request.compare(request.size() - 4, 4, "END!") != 0) {
-                const ssize_t n = read(peer, buffer, sizeof buffer);
-                if (n <= 0) break;
-                request.append(buffer, static_cast<std::size_t>(n));
-            }
-            for (const std::string* part : {&answer, &rest}) {
-                if (write(peer, part->data(), part->size()) < 0 || recv(peer, buffer, 20, MSG_WAITALL) != 20)
-                    break;
-            }
-            if (write(peer, end.data(), end.size()) < 0) continue;
-            while (read(peer, buffer, sizeof buffer) > 0) {
-            }
-        }
-    }
-
-    int listener_;
-    int port_ = 0;
-    std::thread thread_;
-};
-
-// Runs a program with standard input and output at /dev/null; its exit status.
-int runProgram(const char* path, const char* name, char* const environment[]) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    char* const argv[] = {const_cast<char*>(name), nullptr};
-    pid_t pid = 0;
-    int status = -1;
-    if (posix_spawn(&pid, path, &actions, nullptr, argv, environment) == 0) waitpid(pid, &status, 0);
-    posix_spawn_file_actions_destroy(&actions);
-    return status;
-}
-
-void WholeProcess(benchmark::State& state, const char* program) {
-    const TemporaryFolder folder;
-    std::filesystem::create_directory(folder.path() + "/configuration");
-    const PageServer server;
-    std::ofstream(folder.path() + "/configuration/clients.ini")
-        << "[Velarto Client Definitions]\nshop=\n\n[shop]\nVELARTO_SERVER=127.0.0.1," << server.port()
-        << "\n";
-    std::string path = "VELARTO_PATH=" + folder.path();
-    char method[] = "REQUEST_METHOD=GET";
-    char* const environment[] = {path.data(), method, nullptr};
-    for (auto _ : state) {
-        if (runProgram(program, "shop", environment) != 0) state.SkipWithError("failed");
-    }
-}
-BENCHMARK_CAPTURE(WholeProcess, no_op, NO_OP_PATH)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(WholeProcess, gateway, VELARTO_CGI_PATH)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 }  // namespace
