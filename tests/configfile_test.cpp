@@ -105,7 +105,22 @@ TEST_F(ConfigFileTest, ParsesOrRefuses) {
         const ParseError error = file.lastParseError();
         const std::string place = std::to_string(error.line) + ":" + std::to_string(error.column);
         EXPECT_EQ(*error.reason != '\0' ? place : "", c.error) << c.text;
+        // A reader of one stanza, which is not there, comes to the same verdict.
+        EXPECT_EQ(file.parseStanza("none"), c.error.empty()) << c.text;
+        const ParseError same = file.lastParseError();
+        EXPECT_TRUE(same.line == error.line && same.column == error.column && same.reason == error.reason);
     }
+}
+
+TEST_F(ConfigFileTest, ReadsOneStanzaOfAFile) {
+    write("[other]\nk=[x]\n\n[a\\nb]\n k=1\nl\\[=2\n;\n[A\\Nb]\nk=3\n\n[" + std::string(300, 'n') +
+          "]\nk=4\n");
+    ConfigFile file(path_.c_str(), kDirectory);
+    CText value;
+    EXPECT_TRUE(file.parseStanza("A\nB") && file.getValue("a\nb", "k", value) && value == "1");
+    EXPECT_FALSE(file.findStanza("other") || file.findStanza("a\\nb"));
+    EXPECT_TRUE(file.parseStanza("") && file.getValue("", "k", value) && value == "4");
+    EXPECT_TRUE(file.parseStanza("nobody") && !file.findStanza("other"));
 }
 
 TEST_F(ConfigFileTest, ReportsFilesItCannotTakeAndKeepsItsStanzas) {

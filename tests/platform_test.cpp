@@ -157,4 +157,24 @@ TEST(OSFileTest, LockIsWaitedForThroughSignals) {
     EXPECT_FALSE(ChangeOSFileSize(fd, 0) || LockOSFile(fd, true) || UnLockOSFile(fd));
 }
 
+TEST(OSFileTest, WritesAllPartsToAFullNonBlockingPipe) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    std::string head = "head", body(300000, 'b'), got;
+    iovec parts[] = {{head.data(), 4}, {nullptr, 0}, {body.data(), body.size()}};
+    {
+        const Runner reader([&] {
+            char block[7000];
+            for (ssize_t n; (n = read(ends[0], block, sizeof block)) != 0;)
+                n > 0 ? void(got.append(block, static_cast<std::size_t>(n))) : void(MilliSleep(1));
+        });
+        EXPECT_TRUE(WriteOSFile(ends[1], parts, 3));
+        close(ends[1]);
+    }
+    EXPECT_TRUE(got == head + body);
+    close(ends[0]);
+    parts[0] = {head.data(), 4};
+    EXPECT_FALSE(WriteOSFile(ends[1], parts, 1));
+}
+
 }  // namespace

@@ -41,6 +41,25 @@ TEST(NetBase, SendsWhenTheBufferWouldOverflowAndAtTheFlush) {
     }
 }
 
+TEST(NetBase, MovesLargeBlocksInTheTransportsSteps) {
+    struct : Stream {
+        void moveMoreAtOnce() { setTransportStep(4 * kBufferSize); }
+    } stream;
+    stream.moveMoreAtOnce();
+    stream.input = std::string(50000, 'x') + "tail";
+    stream.pieceSize = 60000;
+    const Sizes sent = {3, 16384, 16384, 4096, 3136};
+    EXPECT_TRUE(stream.writeBuffer("abc", 3) && stream.writeBuffer(stream.input.data(), 40000));
+    EXPECT_TRUE(stream.flushBuffer());
+    for (std::size_t i = 0; i < sent.size(); ++i)
+        EXPECT_EQ(stream.writes.at(i).size(), sent[i]);
+    std::string got(50004, '\0');
+    EXPECT_TRUE(stream.readBuffer(&got[0], 10) && stream.readBuffer(&got[10], 49990));
+    EXPECT_TRUE(stream.readBuffer(&got[50000], 4) && !stream.readBuffer(&got[0], 5000));
+    EXPECT_EQ(got, stream.input);
+    EXPECT_EQ(stream.bytesRead(), 50004u);
+}
+
 TEST(NetBase, TurnsAroundOnlyWithADrainedBuffer) {
     Stream stream;
     stream.input = "abcdef";
