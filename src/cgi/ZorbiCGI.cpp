@@ -68,7 +68,12 @@ void setAlarm() {
 // Nothing may reach a browser through standard error. The descriptor stays occupied, and so do 0 and 1 when
 // the caller left them closed: a socket that got such a number would receive every diagnostic of the C
 // library, or the response.
+//
+// What stood there stays open under another number until the process ends. A prefork Apache reads standard error
+// beside the output. Where nothing but the end of the output wakes it, it often does so before the process is
+// dead, finds it alive, and waits 47 ms.
 void closeStandardError() {
+    fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     close(STDERR_FILENO);
     int null;
     do {
@@ -129,6 +134,7 @@ int serveRequest(const char* programPath) {
     VeClientFreeRequest(connection, request);
     request = nullptr;
     if (!VeClientDispatchRequests(connection, VeClientDispatchCB, nullptr)) return fail(CLIENT_ERR_DISPATCH);
+    VeClientDestroyConnection(connection);
     return 0;
 }
 
@@ -193,7 +199,8 @@ int main(int argc, char** argv) {
     const int code = serveRequest(programPath);
 
     // The end of the process closes standard output in the same breath as it ends: a web server that sees the
-    // end of the output while the process still lives may wait for it.
+    // end of the output while the process still lives may wait for it. Nothing is left that would take long to
+    // close after it, like a connection.
     std::fflush(stdout);
     _exit(code);
 }
