@@ -16,12 +16,13 @@
 static int lookups = 0;
 
 // The resolver of this program: what it answers depends on no host file and no network.
-hostent* gethostbyname(const char* name) {
+extern "C" int gethostbyname_r(const char* name, hostent* entry, char*, std::size_t, hostent** found, int*) {
     ++lookups;
     static char bytes[][4] = {{10, 0, 0, 1}, {10, 0, 0, 2}};
     static char* addresses[] = {bytes[0], bytes[1], nullptr};
-    static hostent entry{nullptr, nullptr, AF_INET, 4, addresses};
-    return std::strcmp(name, "two.test") == 0 ? &entry : nullptr;
+    *entry = {nullptr, nullptr, AF_INET, 4, addresses};
+    *found = std::strcmp(name, "two.test") == 0 ? entry : nullptr;
+    return 0;
 }
 
 namespace {

@@ -25,7 +25,8 @@ constexpr char kDirectoryStanza[] = "Velarto Client Definitions";
 constexpr std::uint32_t kReloadInterval = 5000;     // milliseconds
 constexpr std::uint32_t kThreadEndTimeout = 10000;  // milliseconds
 
-// Set under RWLock, read without it.
+// Guarded by RWLock as well. They outlive the loaded configuration: without the lock, which then does not exist,
+// nobody changes them.
 CText DocumentPath;
 CText RegisteredExtensions;
 
@@ -154,6 +155,7 @@ bool IsVelartoExtns(const char* path) {
     const char* dot = path != nullptr ? std::strrchr(path, '.') : nullptr;
     if (dot == nullptr) return false;
     const char* extension = dot + 1;
+    const ReadLock lock(RWLock);
     if (!RegisteredExtensions.IsEmpty())
         return isInExtensionList(extension, RegisteredExtensions.GetTextEx());
     for (const char* known : VelartoDefaultExtensions) {
@@ -171,5 +173,8 @@ bool ParseFilePaths() {
 }
 
 const char* GetDocumentPath() {
-    return DocumentPath.GetText();
+    static thread_local CText copy;
+    const ReadLock lock(RWLock);
+    copy = DocumentPath;
+    return DocumentPath.GetText() != nullptr ? copy.GetTextEx() : nullptr;
 }

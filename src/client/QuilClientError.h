@@ -30,7 +30,7 @@ enum QuilClientErrorCode : std::uint32_t {
 extern const char* VE_ERR_HTML_TEMPLATE;
 
 // A code, a detail message and the texts made of them. Texts handed out stay valid until the same operation
-// is called again. Not guarded: one thread at a time.
+// is called again. Threads: one at a time.
 class QuilClientError {
   public:
     constexpr QuilClientError() noexcept = default;
@@ -56,5 +56,5 @@ class QuilClientError {
     CText html_;
 };
 
-// The one record of the process.
-extern QuilClientError clientError;
+// The record of the calling thread: what one thread's requests meet is no concern of another's.
+extern thread_local QuilClientError clientError;

@@ -8,13 +8,14 @@
    2. Texts are NUL-terminated bytes; sizes and lengths are in bytes, time-outs in milliseconds. Texts passed
    in are copied; texts and bytes handed out belong to the library and stay valid as each function says.
    3. Nothing throws and nothing is printed. A function that fails in a way worth reporting records a code and
-   a detail message in one process-wide record; VeClientGetErrorHtml and VeClientGetErrorStatus show it. A
+   a detail message in the calling thread's record; VeClientGetErrorHtml and VeClientGetErrorStatus show it. A
    failed set-up, connect or send records 601, 602 or 604; other failures are told by the result only.
    4. Order: VeClientInitEnvironment once; then for each request VeClientCreateConnection,
    VeClientAllocRequest, parameters and body, VeClientConnectToServer, VeClientSendRequest,
    VeClientFreeRequest, VeClientDispatchRequests, VeClientDestroyConnection; VeClientCleanUp at the end.
    5. Threads: a connection or a request is used by one thread at a time. Different threads may use different
-   ones at the same time. The error record is shared and not guarded.
+   ones at the same time, and all other functions but VeClientInitEnvironment and VeClientCleanUp, which one
+   thread calls while no other is in the library. Each thread has an error record of its own.
 
    Usable from C as from C++. */
 #ifndef VELARTO_VELARTO_H
@@ -57,7 +58,7 @@ bool IsVelartoExtns(const char* path);
 bool IsFullHeaderSupport(void);
 bool ParseFilePaths(void);
 
-/* DOCUMENTPATH, null when it was never set; valid until the next reload. */
+/* DOCUMENTPATH, null when it was never set; valid until the thread's next call. */
 const char* GetDocumentPath(void);
 
 /* ---- connections ---- */

@@ -49,6 +49,26 @@ void sendWithoutDelay(int descriptor) {
     setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
 }
 
+// The IPv4 addresses of a name, or the first of them. Not inlined, because a dotted address would pay for the
+// buffer on the stack, too.
+[[gnu::noinline]] bool lookUp(const char* name, CText& out, bool all) {
+    char buffer[16384];
+    hostent entry{};
+    hostent* found = nullptr;
+    int error = 0;
+    if (gethostbyname_r(name, &entry, buffer, sizeof buffer, &found, &error) != 0 || found == nullptr)
+        return false;
+    if (found->h_addrtype != AF_INET || found->h_length != sizeof(in_addr)) return false;
+    for (char** item = found->h_addr_list; *item != nullptr; ++item) {
+        char text[INET_ADDRSTRLEN];
+        if (inet_ntop(AF_INET, *item, text, sizeof text) == nullptr) return false;
+        if (!out.IsEmpty()) out += ":";
+        out += text;
+        if (!all) break;
+    }
+    return true;
+}
+
 // Room in the text for so many bytes and the terminator after the first count ones.
 bool makeRoom(CText& text, std::uint32_t count, std::uint32_t more) {
     const std::uint32_t needed = count + more + 1;
@@ -460,15 +480,5 @@ const char* Socket::castToIP(const char* host, CText& out, bool all) {
         out = host;
         return out.GetText();
     }
-    const hostent* entry = gethostbyname(host);
-    if (entry == nullptr || entry->h_addrtype != AF_INET || entry->h_length != sizeof(in_addr))
-        return nullptr;
-    for (char** item = entry->h_addr_list; *item != nullptr; ++item) {
-        in_addr address{};
-        std::memcpy(&address, *item, sizeof address);
-        if (!out.IsEmpty()) out += ":";
-        out += inet_ntoa(address);
-        if (!all) break;
-    }
-    return out.GetText();
+    return lookUp(host, out, all) ? out.GetText() : nullptr;
 }
