@@ -1,0 +1,186 @@
+#!/usr/bin/env python3
+"""Many requests at once through Apache to two application servers, of which one is stopped and started again
+every second: each answer must be whole and the asker's own, or the page that says nobody could be reached (602),
+or that the server broke off (604, 605); and nothing may be left behind.
+
+usage: many_at_once.py BUILD-FOLDER [REQUESTS [AT-ONCE]]     (20000 requests, 50 at once)
+Ends with 1 when something was wrong."""
+import collections
+import http.client
+import os
+import pathlib
+import random
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+NOBODY = 65534
+APACHE = """ServerRoot "{base}"
+ServerName 127.0.0.1
+Listen 127.0.0.1:{port}
+DefaultRuntimeDir "{base}"
+Mutex "file:{base}"
+PidFile "{base}/pid"
+ErrorLog "{base}/error.log"
+LogLevel error
+LoadModule mpm_event_module /usr/lib/apache2/modules/mod_mpm_event.so
+LoadModule authz_core_module /usr/lib/apache2/modules/mod_authz_core.so
+LoadModule alias_module /usr/lib/apache2/modules/mod_alias.so
+LoadModule env_module /usr/lib/apache2/modules/mod_env.so
+LoadModule cgid_module /usr/lib/apache2/modules/mod_cgid.so
+ScriptSock "{base}/cgid"
+DocumentRoot "{base}/htdocs"
+"""
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def wait_for(port):
+    for _ in range(200):
+        with socket.socket() as probe:
+            if probe.connect_ex(("127.0.0.1", port)) == 0:
+                return
+        time.sleep(0.05)
+    sys.exit(f"nobody listens on port {port}")
+
+
+class ApplicationServer:
+    def __init__(self, program, name):
+        self.command = [program, "--listen", f"127.0.0.1:{free_port()}", "--sid", name]
+        self.entry = f"{name},{self.command[2].replace(':', ',')}"
+        self.start()
+
+    def start(self):
+        self.process = subprocess.Popen(self.command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        wait_for(int(self.entry.rsplit(",", 1)[1]))
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait(20)
+
+
+def judge(number, status, body):
+    """What became of a request: "answered", the code of an error page, or what is wrong."""
+    code = re.search(r"Error Code: (\d+)<br />", body)
+    if code and code[1] in ("602", "604", "605") and body.count("<html>") == 1 and status == 200:
+        return code[1]
+    whole = status == 200 and "answered by 127.0.0.1:" in body and body.rstrip().endswith("</html>")
+    own = set(re.findall(r"token-(\d+)-", body)) == {str(number)}
+    return "answered" if whole and own and not code else "wrong"
+
+
+class Load:
+    def __init__(self, port, requests):
+        self.port, self.left, self.lock = port, iter(range(requests)), threading.Lock()
+        self.results, self.examples = collections.Counter(), []
+
+    def work(self):
+        while True:
+            with self.lock:
+                number = next(self.left, None)
+            if number is None:
+                return
+            body = f"token-{number}-" + "x" * random.randrange(5000) if number % 3 == 0 else None
+            connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=60)
+            try:
+                connection.request("GET" if body is None else "POST",
+                                   f"/cgi-bin/shop/{'form' if body else ''}?q=token-{number}-", body,
+                                   {"Connection": "close"})
+                response = connection.getresponse()
+                text = response.read().decode("latin-1")
+                result = judge(number, response.status, text)
+            except (OSError, http.client.HTTPException) as error:
+                result, text = "wrong", repr(error)
+            finally:
+                connection.close()
+            with self.lock:
+                self.results[result] += 1
+                if result == "wrong" and len(self.examples) < 3:
+                    self.examples.append(f"request {number}: {text[:600]}")
+
+
+def processes_with(text):
+    found = []
+    for entry in pathlib.Path("/proc").glob("[0-9]*/cmdline"):
+        try:
+            if text.encode() in entry.read_bytes() and int(entry.parent.name) != os.getpid():
+                found.append(entry.parent.name)
+        except OSError:
+            pass
+    return found
+
+
+def main():
+    build = pathlib.Path(sys.argv[1]).resolve()
+    requests = int(sys.argv[2]) if len(sys.argv) > 2 else 20000
+    at_once = int(sys.argv[3]) if len(sys.argv) > 3 else 50
+    base = pathlib.Path(tempfile.mkdtemp())
+    servers = [ApplicationServer(str(build / "devserver/velarto-devserver"), name) for name in ("s001", "s002")]
+    for folder in ("configuration", "htdocs/cgi-bin"):
+        (base / folder).mkdir(parents=True)
+    shutil.copy(build / "velarto-cgi", base / "htdocs/cgi-bin/shop")
+    (base / "configuration/clients.ini").write_text(
+        "[Velarto Client Definitions]\nshop=\n\n[shop]\nVELARTO_SERVER=" + ":".join(s.entry for s in servers) + "\n")
+    port = free_port()
+    example = (SOURCE / "examples/apache.conf").read_text().replace("/usr/local/VelartoServer/5.5", str(base))
+    (base / "web.conf").write_text(APACHE.format(base=base, port=port) + example)
+    as_user = {}
+    if os.geteuid() == 0:
+        as_user = {"user": NOBODY, "group": NOBODY, "extra_groups": []}
+        base.chmod(0o755)
+        for path in [base, *base.rglob("*")]:
+            os.chown(path, NOBODY, NOBODY)
+    apache = subprocess.Popen(["/usr/sbin/apache2", "-DFOREGROUND", "-f", str(base / "web.conf")], **as_user)
+    wait_for(port)
+    open_before = len(os.listdir(f"/proc/{servers[0].process.pid}/fd"))
+
+    load = Load(port, requests)
+    workers = [threading.Thread(target=load.work) for _ in range(at_once)]
+    start = time.monotonic()
+    for worker in workers:
+        worker.start()
+    stops = 0
+    while any(worker.is_alive() for worker in workers):
+        time.sleep(1)
+        servers[1].stop()
+        time.sleep(0.3)
+        servers[1].start()
+        stops += 1
+    seconds = time.monotonic() - start
+
+    time.sleep(1)
+    left = processes_with(str(base / "htdocs/cgi-bin"))
+    open_after = len(os.listdir(f"/proc/{servers[0].process.pid}/fd"))
+    apache.send_signal(signal.SIGTERM)
+    apache.wait(20)
+    for server in servers:
+        server.stop()
+    complaints = "".join(line for line in (base / "error.log").open() if ":notice]" not in line)
+    shutil.rmtree(base)
+
+    print(f"{requests} requests, {at_once} at once, in {seconds:.0f} s; one server stopped {stops} times")
+    for result, count in sorted(load.results.items()):
+        print(f"  {result}: {count}")
+    print(f"  gateways left: {len(left)}; descriptors of a server: {open_before} before, {open_after} after")
+    for example in load.examples:
+        print(example)
+    if complaints:
+        print("Apache says:\n" + complaints[:1000])
+    answered = load.results["answered"]
+    fine = load.results["wrong"] == 0 and not left and not complaints and open_after <= open_before
+    return 0 if fine and sum(load.results.values()) == requests and answered > requests * 0.9 else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
