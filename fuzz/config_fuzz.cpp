@@ -1,0 +1,143 @@
+// Configuration files with any content: what is read, what a reader of one section makes of the same file, what
+// is written back and read again, and how much memory all of it takes.
+//
+// Input: the file.
+#include <strings.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <sstream>
+#include <vector>
+
+#include "Fuzz.h"
+#include "config/ConfigFile.h"
+
+namespace {
+
+constexpr std::size_t kLongestValue = 4095;
+
+struct Section {
+    std::string name;
+    std::string text;  // as it is written: the header, the settings in the order of their keys, an empty line
+
+    bool operator==(const Section& other) const { return name == other.name && text == other.text; }
+};
+
+Section take(Stanza& stanza) {
+    char* bytes = nullptr;
+    std::size_t size = 0;
+    std::FILE* stream = open_memstream(&bytes, &size);
+    const bool saved = stanza.saveStanza(stream);
+    std::fclose(stream);
+    const std::unique_ptr<char, decltype(&std::free)> owner(bytes, std::free);
+    assert(saved);
+    return {stanza.getStanzaName().GetTextEx(), std::string(bytes, size)};
+}
+
+// A file as it is read, up to the first fault in it.
+struct Image {
+    // All of the file, or the sections of that name.
+    explicit Image(const std::string& content, const CText* only = nullptr) {
+        const std::unique_ptr<char[]> exact(new char[content.size()]);  // one byte more is found out
+        std::copy(content.begin(), content.end(), exact.get());
+        ConfigParser parser(exact.get(), static_cast<std::uint32_t>(content.size()));
+        const auto next = [&] { return only != nullptr ? parser.findStanza(*only) : parser.nextStanza(); };
+        while (const std::unique_ptr<Stanza> stanza = next())
+            sections.push_back(take(*stanza));
+        error = parser.error();
+    }
+
+    std::vector<Section> sections;
+    ParseError error;
+};
+
+bool isSame(const ParseError& a, const ParseError& b) {
+    return a.line == b.line && a.column == b.column && std::strcmp(a.reason, b.reason) == 0;
+}
+
+// What a reader of one section finds: the sections of that name, and the same fault.
+void checkOneSection(const std::string& content, ConfigFile& file, const Image& whole, const CText& name) {
+    std::vector<Section> expected;
+    for (const Section& section : whole.sections) {
+        if (strcasecmp(section.name.c_str(), name.GetTextEx()) == 0) expected.push_back(section);
+    }
+    const Image part(content, &name);
+    assert(part.sections == expected && isSame(part.error, whole.error));
+
+    assert(file.parseStanza(name) == (whole.error.line == 0));
+    assert(isSame(file.lastParseError(), whole.error));
+    Stanza* first = file.getStanza(name);
+    assert((first != nullptr) == !expected.empty());
+    assert(first == nullptr || take(*first) == expected.front());
+}
+
+std::string textOf(const Image& image) {
+    std::string text;
+    for (const Section& section : image.sections)
+        text += section.text;
+    return text;
+}
+
+// Whether the syntax can carry the line of a setting: an empty key or one with a bracket can be read, but not
+// written.
+bool isWritable(const std::string& line) {
+    const std::string key = line.substr(0, line.find('='));
+    return !key.empty() && key.find('[') == std::string::npos;
+}
+
+// A value whose last character is an escape that stands for itself can be one character too long.
+bool isWhole(const std::string& line) {
+    return line.size() <= kLongestValue;
+}
+
+template <class Test>
+bool allSettings(const Image& image, Test test) {
+    return std::all_of(image.sections.begin(), image.sections.end(), [&](const Section& section) {
+        std::istringstream lines(section.text);
+        std::string line;
+        std::getline(lines, line);  // the header
+        while (std::getline(lines, line) && !line.empty()) {
+            if (!test(line)) return false;
+        }
+        return true;
+    });
+}
+
+// The file after the image was written: that image or, when it cannot be written, the old file. What was
+// written reads as the same image.
+void checkWriting(const fuzz::MemoryFile& disk, ConfigFile& file, const std::string& content,
+                  const Image& image) {
+    const bool written = file.writeFile(false);
+    assert(written == allSettings(image, isWritable));
+    const std::string text = written ? textOf(image) : content;
+    assert(disk.read() == text);
+    if (!written || !allSettings(image, isWhole)) return;
+    const Image again(text);
+    assert(again.error.line == 0 && again.sections == image.sections);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const fuzz::MemoryFile disk(99);
+    const std::string content(reinterpret_cast<const char*>(data), size);
+    disk.write(content);
+    const Image image(content);
+
+    ConfigFile file(disk.path().c_str(), "Velarto Client Definitions");
+    {
+        const fuzz::HeapWatch heap;
+        assert(file.parseConfigFile() == (size > 0 && image.error.line == 0));
+        assert(heap.peak() <= 4096 + 64 * size);
+    }
+    if (size == 0) return 0;
+    assert(isSame(file.lastParseError(), image.error));
+    checkWriting(disk, file, content, image);
+
+    disk.write(content);
+    checkOneSection(content, file, image, "nobody");
+    if (!image.sections.empty()) checkOneSection(content, file, image, image.sections.back().name.c_str());
+    return 0;
+}
