@@ -28,6 +28,7 @@ function(velarto_link_lean target)
     list(JOIN includes " " includes)  # as one text, so that no repeated -isystem is taken for a duplicate
     set_target_properties(${target} PROPERTIES COMPILE_FLAGS "${includes} -fPIE -ffunction-sections -fdata-sections")
     set_property(TARGET ${target} PROPERTY POSITION_INDEPENDENT_CODE)  # or CMake adds -pie to -static-pie
+    target_compile_definitions(${target} PRIVATE VELARTO_ONE_THREAD)
     target_sources(${target} PRIVATE
         ${PROJECT_SOURCE_DIR}/src/lean/lean_runtime.cpp
         ${PROJECT_SOURCE_DIR}/src/lean/musl_gaps.cpp)

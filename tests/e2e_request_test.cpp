@@ -2,6 +2,11 @@
 // sees it.
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <map>
 
 #include "support/Gateway.h"
 
@@ -154,6 +159,29 @@ TEST_F(GatewayRequest, ProgramPathNamesTheClientAndTravelsWhole) {
         EXPECT_EQ(request["COMMANDLINE"], path);
         EXPECT_EQ(request["HTTP_COOKIE"], "VelartoClient=" + path.substr(path.rfind('/') + 1));
     }
+}
+
+// While it serves, the gateway holds the standard descriptors, the second of them leading nowhere, what stood
+// there before, and its connection.
+TEST_F(GatewayRequest, HoldsFiveDescriptors) {
+    std::atomic<pid_t> gatewayPid{0};
+    std::map<std::string, std::string> open;
+    serveAlone([&](Connection& connection) {
+        connection.receiveRequest();
+        while (gatewayPid == 0)
+            usleep(1000);
+        for (const auto& entry :
+             std::filesystem::directory_iterator("/proc/" + std::to_string(gatewayPid) + "/fd"))
+            open[entry.path().filename()] = std::filesystem::read_symlink(entry.path());
+        connection.serve(kAnswer);
+    });
+    Process gateway(command());
+    gatewayPid = gateway.pid();
+    expectSuccess(finish(gateway), kAnswerOutput);
+    EXPECT_EQ(open.size(), 5u) << ::testing::PrintToString(open);
+    EXPECT_EQ(open["2"], "/dev/null");
+    EXPECT_EQ(open["3"].find("pipe:"), 0u);
+    EXPECT_EQ(open["4"].find("socket:"), 0u);
 }
 
 // With a standard descriptor closed, a socket or a file may get its number: nothing may be mixed up then.

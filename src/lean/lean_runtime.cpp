@@ -1,8 +1,30 @@
 // What the lean gateway has in place of parts of g++'s language runtime, which cost something at every start.
+#include <link.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 
 namespace {
+
+// The tables of addresses that only relocation writes. No loader is there to close them in a static program.
+int protectRelocated(dl_phdr_info* object, std::size_t, void*) {
+    const auto page = static_cast<std::uintptr_t>(getpagesize());
+    for (int i = 0; i < object->dlpi_phnum; ++i) {
+        const auto& segment = object->dlpi_phdr[i];
+        if (segment.p_type != PT_GNU_RELRO) continue;
+        const std::uintptr_t begin = (object->dlpi_addr + segment.p_vaddr) & ~(page - 1);
+        const std::uintptr_t end = (object->dlpi_addr + segment.p_vaddr + segment.p_memsz) & ~(page - 1);
+        mprotect(reinterpret_cast<void*>(begin), end - begin, PROT_READ);
+    }
+    return 0;
+}
+
+[[gnu::constructor]] void protectRelocated() {
+    dl_iterate_phdr(protectRelocated, nullptr);
+}
 
 // An exception in flight has the runtime's record in front of it (Itanium C++ ABI, 2.2.1); this is enough for
 // every version of that record, and keeps the alignment of malloc().

@@ -8,12 +8,6 @@ extern "C" {
 // Set by a C library that knows of no second thread. 0 is always right: the runtime then synchronises.
 char __libc_single_threaded = 0;
 
-// Notes what is to be destroyed when a thread ends. The gateway's one thread ends with the process: nothing need be.
-int __cxa_thread_atexit_impl(void (*destroy)(void*), void* object, void* library);
-int __cxa_thread_atexit_impl(void (*)(void*), void*, void*) {
-    return 0;
-}
-
 // How the unwinder finds the unwind table of the object that holds an address. The layout is the unwinder's.
 struct dl_find_object {
     unsigned long long dlfo_flags;
