@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "Server/General/FixedText.h"
 #include "cgi/VeHttpResponse.h"
@@ -98,17 +100,55 @@ bool readPostArgs(ve_hrequest_t* request, const char* contentLength) {
            VeRequestSetPostArgDataSize(request, size);
 }
 
-// Passes the bytes on, after what is held. Whether somebody still reads them is not examined.
+// Passes the bytes on, after what is held, which is then gone. Whether somebody still reads them is not
+// examined.
 void writeOutput(const char* bytes, std::uint32_t length) {
     iovec parts[] = {{heldHeader.GetBuffer(), heldHeader.GetDataSize()}, {const_cast<char*>(bytes), length}};
     WriteOSFile(STDOUT_FILENO, parts, 2);
     heldHeader.Clear();
 }
 
+iovec part(const char* text) {
+    return {const_cast<char*>(text), std::strlen(text)};
+}
+
+// What an "nph-" program begins an error page with, in place of the web server; nothing for any other.
+std::array<iovec, 5> nphLines(const char* name) {
+    if (!isNphMode(name)) return {};
+    const char* protocol = std::getenv("SERVER_PROTOCOL");
+    const char* software = std::getenv("SERVER_SOFTWARE");
+    std::array<iovec, 5> lines = {part(protocol != nullptr ? protocol : "HTTP/1.0"),
+                                  part(" 500 Internal Server Error\n")};
+    if (software != nullptr) {
+        lines[2] = part("Server: ");
+        lines[3] = part(software);
+        lines[4] = part("\n");
+    }
+    return lines;
+}
+
+// In one piece, as any output: the C library's stream would lose what an interrupted or blocked write had.
 void writeErrorPage(std::uint32_t code) {
+    char shortPage[512];
+    const char* page = VeClientGetErrorHtml(nullptr, code);
+    if (*page == 0) {  // there was no memory to put it together
+        std::snprintf(shortPage, sizeof shortPage, VE_ERR_HTML_TEMPLATE, static_cast<int>(code),
+                      "There is not enough memory.", "");
+        page = shortPage;
+    }
+    const std::array<iovec, 5> lines = nphLines(StanzaName);
+    iovec parts[] = {lines[0],  lines[1], lines[2],
+                     lines[3],  lines[4], part("Content-type: text/html\r\n\r\n"),
+                     part(page)};
     writeOutput(nullptr, 0);
-    write_nph(stdout, StanzaName);
-    std::fprintf(stdout, "Content-type: text/html\r\n\r\n%s", VeClientGetErrorHtml(nullptr, code));
+    WriteOSFile(STDOUT_FILENO, parts, static_cast<int>(std::size(parts)));
+}
+
+// Where new finds no memory. Blocks of bytes, which may be large, tell their failures; this is about the small
+// objects around them, whose lack would stop the process by an assertion, or without a page.
+[[noreturn]] void endWithoutMemory() {
+    writeErrorPage(CLIENT_ERR_INTERNAL);
+    _exit(CLIENT_ERR_INTERNAL);
 }
 
 // One request from the environment set-up to the end of the response; 0 or the client error code.
@@ -134,23 +174,20 @@ int serveRequest(const char* programPath) {
     VeClientFreeRequest(connection, request);
     request = nullptr;
     if (!VeClientDispatchRequests(connection, VeClientDispatchCB, nullptr)) return fail(CLIENT_ERR_DISPATCH);
-    VeClientDestroyConnection(connection);
-    return 0;
+    return 0;  // the connection ends with the process
 }
 
 }  // namespace
 
 void write_nph(std::FILE* out, const char* name) {
-    if (!isNphMode(name)) return;
-    const char* protocol = std::getenv("SERVER_PROTOCOL");
-    const char* software = std::getenv("SERVER_SOFTWARE");
-    std::fprintf(out, "%s %s\n", protocol != nullptr ? protocol : "HTTP/1.0", "500 Internal Server Error");
-    if (software != nullptr) std::fprintf(out, "Server: %s\n", software);
+    for (const iovec& line : nphLines(name))
+        std::fwrite(line.iov_base, 1, line.iov_len, out);
 }
 
 ve_hrequest_t* PrepareVelartoRequest(ve_hclient_t* connection, const char* commandLine) {
     ve_hrequest_t* request = VeClientAllocRequest(connection);
     if (request == nullptr) return nullptr;
+    const MemoryWatch memory;
     const char* contentLength = std::getenv("CONTENT_LENGTH");
     if (!readPostArgs(request, contentLength)) {
         VeClientFreeRequest(connection, request);
@@ -162,6 +199,10 @@ ve_hrequest_t* PrepareVelartoRequest(ve_hclient_t* connection, const char* comma
     if (contentLength == nullptr) VeRequestSetAtrtibute(request, QUIL_PARAM_CONTENT_LENGTH, "0");
     VeRequestSetAtrtibute(request, QUIL_PARAM_COMMANDLINE, commandLine);
     VeRequestSetAtrtibute(request, QUIL_PARAM_FULLHEADER, "");
+    if (memory.ranOut()) {
+        VeClientFreeRequest(connection, request);
+        return nullptr;
+    }
     return request;
 }
 
@@ -177,7 +218,10 @@ bool VeClientDispatchCB(ve_hclient_t* /*connection*/, TQUILReqType type, const c
             }
             VeHttpReleaseResponse(response);
             writeOutput(nullptr, 0);
-            if (heldHeader.SetEqualTo(data, length, 0) != length) writeOutput(data, length);
+            if (heldHeader.SetEqualTo(data, length, 0) != length) {
+                heldHeader.Clear();
+                writeOutput(data, length);
+            }
             return true;
         }
         case QUIL_BODY_DATA:
@@ -192,6 +236,7 @@ bool VeClientDispatchCB(ve_hclient_t* /*connection*/, TQUILReqType type, const c
 }
 
 int main(int argc, char** argv) {
+    std::set_new_handler(endWithoutMemory);
     setAlarm();
     closeStandardError();
     const char* programPath = argc > 0 ? argv[0] : "";
@@ -199,8 +244,6 @@ int main(int argc, char** argv) {
     const int code = serveRequest(programPath);
 
     // The end of the process closes standard output in the same breath as it ends: a web server that sees the
-    // end of the output while the process still lives may wait for it. Nothing is left that would take long to
-    // close after it, like a connection.
-    std::fflush(stdout);
+    // end of the output while the process still lives may wait for it.
     _exit(code);
 }

@@ -6,6 +6,7 @@
 
 void AdviseHugePages(void* block, std::uint32_t size) {
     constexpr std::uintptr_t kHugePage = 2 * 1024 * 1024;
+    if (size < kHugePage) return;
     const auto begin = reinterpret_cast<std::uintptr_t>(block);
     const std::uintptr_t first = (begin + kHugePage - 1) & ~(kHugePage - 1);
     const std::uintptr_t end = (begin + size) & ~(kHugePage - 1);

@@ -62,9 +62,9 @@ bool WriteOSFile(int fd, iovec* parts, int count) {
             continue;
         }
         ssize_t n = writev(fd, parts, count);
-        if (n == -1) {
-            const bool goesOn = errno == EINTR || (errno == EAGAIN && waitUntilWritable(fd));
-            if (!goesOn) return false;
+        if (n <= 0) {
+            const bool isLater = n == -1 && (errno == EINTR || (errno == EAGAIN && waitUntilWritable(fd)));
+            if (!isLater) return false;
             continue;
         }
         for (iovec* part = parts; n > 0; ++part) {
