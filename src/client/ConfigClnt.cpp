@@ -2,19 +2,20 @@
 
 #include <cctype>
 #include <cstring>
-#include <memory>
+#include <new>
 
 namespace {
 
 constexpr char kServerKey[] = "VELARTO_SERVER";
 constexpr char kDefaultServer[] = "127.0.0.1,18155";
 
+// Null when there is no memory for it.
 Stanza* addClientStanza(ConfigFile& file, const CText& clientName) {
-    auto stanza = std::make_unique<Stanza>(clientName.GetTextEx());
+    auto* stanza = new (std::nothrow) Stanza(clientName.GetTextEx());
+    if (stanza == nullptr) return nullptr;
     stanza->addValue(kServerKey, kDefaultServer);
-    Stanza* added = stanza.get();
-    file.addStanza(stanza.release(), true);
-    return added;
+    file.addStanza(stanza, true);
+    return stanza;
 }
 
 // The older form: one host and a value list of ports. Empty when either is missing.
@@ -66,38 +67,50 @@ void acceptColonInsideEntries(Stanza& stanza, CText& list) {
     stanza.changeValue(kServerKey, list.GetTextEx());
 }
 
-}  // namespace
-
-ClientConfigResult ProcessClientConfig(ConfigFile* file, const CText& clientName, Stanza*& stanza) {
-    if (file == nullptr) return CLIENT_CONFIG_NO_FILE;
-    if (!file->parseStanza(clientName)) {
-        // Another process may have mended the file meanwhile: the write reads it again.
-        file->createDirectoryStanza();
-        if (!file->writeFile(true)) return CLIENT_CONFIG_NO_FILE;
-    }
-
+// Puts into the client's section, in memory and in the file, what it lacks: a new client's section itself, or the
+// server list that an older form stands for.
+ClientConfigResult completeSection(ConfigFile& file, const CText& clientName, Stanza*& stanza,
+                                   CText& servers) {
+    const MemoryWatch memory;
+    if (!file.parseConfigFile()) return CLIENT_CONFIG_NO_FILE;  // whole: the write needs its directory
     bool changed = false;
-    stanza = file->getStanza(clientName);
+    stanza = file.getStanza(clientName);
     if (stanza == nullptr) {
-        // A new client is entered into the directory too.
-        if (!file->parseConfigFile()) return CLIENT_CONFIG_NO_FILE;
-        stanza = file->getStanza(clientName);
-    }
-    if (stanza == nullptr) {
-        stanza = addClientStanza(*file, clientName);
+        stanza = addClientStanza(file, clientName);
+        if (stanza == nullptr) return CLIENT_CONFIG_NOT_WRITTEN;
         changed = true;
     }
-
-    CText servers;
     stanza->getValue(kServerKey, servers);
     if (servers.IsEmpty() && !serverListFromHostAndPorts(*stanza, servers).IsEmpty()) {
         stanza->changeValue(kServerKey, servers.GetTextEx());
         changed = true;
     }
     if (servers.IsEmpty()) return CLIENT_CONFIG_NO_SERVER_LIST;
+    if (!changed) return CLIENT_CONFIG_OK;
+    const bool written = !memory.ranOut() && file.changeStanzaWithWrite(stanza->getStanzaName().GetTextEx());
+    return written ? CLIENT_CONFIG_OK : CLIENT_CONFIG_NOT_WRITTEN;
+}
 
-    if (changed && !file->changeStanzaWithWrite(stanza->getStanzaName().GetTextEx()))
-        return CLIENT_CONFIG_NOT_WRITTEN;
+// Reads the client's section. Another process may be changing the file: one that could not be read is read once
+// more, and one with a fault in it is left to the write, which reads it again.
+bool readSection(ConfigFile& file, const CText& clientName) {
+    if (file.parseStanza(clientName)) return true;
+    if (file.lastParseError().line == 0) return file.parseStanza(clientName);
+    file.createDirectoryStanza();
+    return file.writeFile(true);
+}
+
+}  // namespace
+
+ClientConfigResult ProcessClientConfig(ConfigFile* file, const CText& clientName, Stanza*& stanza) {
+    if (file == nullptr || !readSection(*file, clientName)) return CLIENT_CONFIG_NO_FILE;
+    CText servers;
+    stanza = file->getStanza(clientName);
+    if (stanza != nullptr) stanza->getValue(kServerKey, servers);
+    if (servers.IsEmpty()) {
+        const ClientConfigResult result = completeSection(*file, clientName, stanza, servers);
+        if (result != CLIENT_CONFIG_OK) return result;
+    }
     acceptColonInsideEntries(*stanza, servers);
     return CLIENT_CONFIG_OK;
 }

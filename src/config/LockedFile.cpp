@@ -2,6 +2,7 @@
 #include "config/LockedFile.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,7 +13,11 @@
 
 namespace {
 
-Mutex processMutex{Mutex::kPrivate};
+// Made at its first use: a lack of memory before main() could not be told.
+Mutex& processMutex() {
+    static Mutex mutex(Mutex::kPrivate);
+    return mutex;
+}
 
 // Keeps errno for the caller who asks why, through a clean-up.
 class ErrnoKeeper {
@@ -45,14 +50,17 @@ bool writeAndSync(int fd, const void* bytes, std::uint32_t size) {
     return writeWhole(fd, bytes, size) && ::fsync(fd) == 0;
 }
 
-// Sees to it that the first size bytes can be written without running out of space. A file system that knows
-// no reservation lets it pass.
+// Sees to it that the first size bytes can be written without running out of space; the file stays as long as it
+// is, whatever ends the process now. A file system that knows no reservation lets it pass.
 bool reserve(int fd, std::uint32_t size) {
-    if (size == 0) return true;
-    const int error = ::posix_fallocate(fd, 0, off_t{size});
-    if (error == 0 || error == EOPNOTSUPP || error == EINVAL) return true;
-    errno = error;
-    return false;
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && size > limit.rlim_cur) {
+        errno = EFBIG;
+        return false;
+    }
+    const auto reserveAll = [&] { return ::fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, off_t{size}); };
+    if (size == 0 || uninterrupted(reserveAll) == 0) return true;
+    return errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL;
 }
 
 // The folder part of a path, with the slash that ends it; empty when the path has none.
@@ -83,12 +91,13 @@ class TemporaryFile {
 
     int fd() const { return file_.get(); }
 
-    // False when there can be none with the owner, group and mode of the model.
+    // False when there can be none with the owner, group and mode of the model, or no memory for its name.
     bool create(const struct stat& model) {
         name_ = folder_;
         name_ += ".";
         name_ += path_.GetTextEx() + folder_.Length();
         name_ += ".XXXXXX";
+        if (memory_.ranOut()) return false;
         file_.reset(::mkostemp(reinterpret_cast<char*>(name_.GetBuffer()), O_CLOEXEC));
         exists_ = fd() != -1;
         const mode_t mode = model.st_mode & 07777;
@@ -106,6 +115,7 @@ class TemporaryFile {
     }
 
   private:
+    const MemoryWatch memory_;
     const CText& path_;
     CText folder_;
     CText name_;
@@ -135,7 +145,7 @@ const char* fileFaultText(FileFault fault) {
     return "";
 }
 
-LockedFile::LockedFile(const CText& path) : path_(path), processLock_(processMutex) {}
+LockedFile::LockedFile(const CText& path) : path_(path), processLock_(processMutex()) {}
 
 LockedFile::~LockedFile() {
     const ErrnoKeeper keeper;
@@ -181,16 +191,18 @@ bool LockedFile::isPlain() const {
 }
 
 FileFault LockedFile::read(CData& out, std::uint32_t maxSize) const {
-    const auto wanted = static_cast<std::uint32_t>(std::min(status_.st_size, off_t{maxSize}));
+    // One byte more than is expected shows growth, in the same system call.
+    const auto expected = static_cast<std::uint32_t>(std::min(status_.st_size, off_t{maxSize}));
+    const std::uint32_t room = std::min(expected + 1, maxSize);
     out.Clear();
-    if (!out.SetBufferSize(wanted)) {
+    if (!out.SetBufferSize(room)) {
         errno = ENOMEM;
         return FileFault::kRead;
     }
     std::uint32_t size = 0;
-    while (size < wanted) {
+    while (size < expected) {
         const auto readOn = [&] {
-            return ::pread(file_.get(), out.GetBuffer() + size, wanted - size, off_t{size});
+            return ::pread(file_.get(), out.GetBuffer() + size, room - size, off_t{size});
         };
         const ssize_t n = uninterrupted(readOn);
         if (n == -1) return FileFault::kRead;
