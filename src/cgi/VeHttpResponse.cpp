@@ -1,8 +1,8 @@
 #include "cgi/VeHttpResponse.h"
 
 #include <cstring>
+#include <memory>
 #include <new>
-#include <vector>
 
 #include "Server/Common_Classes/UData.h"
 #include "Server/Common_Classes/UText.h"
@@ -23,7 +23,8 @@ struct THTTPResponse {
     std::int32_t statusCode = 500;
     CText reasonPhrase;
     const char* firstHeader = nullptr;
-    std::vector<THTTPHeaderField> fields;
+    std::unique_ptr<THTTPHeaderField[]> fields;
+    std::uint32_t fieldCount = 0;
     CData fieldName;
     CData fieldValue;
 };
@@ -74,11 +75,12 @@ bool parseStatusLine(const char* p, THTTPResponse& response) {
     if (end == nullptr) return false;
     response.reasonPhrase.SetEqualTo(reason, span(reason, end), 0);
     response.firstHeader = end + 2;
-    return true;
+    return response.reasonPhrase.Length() == span(reason, end);
 }
 
-bool parseFields(THTTPResponse& response) {
-    const char* p = response.firstHeader;
+// Counts the fields and, unless fields is null, records them there.
+bool parseFields(const char* p, THTTPHeaderField* fields, std::uint32_t& count) {
+    count = 0;
     while (*p != 0) {
         if (*p == '\r') return p[1] == '\n';
         const char* colon = std::strchr(p, ':');
@@ -88,18 +90,26 @@ bool parseFields(THTTPResponse& response) {
         while (end != nullptr && (end[2] == ' ' || end[2] == '\t'))
             end = findLineEnd(end + 2);
         if (end == nullptr) return false;
-        response.fields.push_back({span(p, colon), span(value, end), p, value});
+        if (fields != nullptr) fields[count] = {span(p, colon), span(value, end), p, value};
+        ++count;
         p = end + 2;
     }
     return true;
 }
 
+bool takeFields(THTTPResponse& response) {
+    std::uint32_t& count = response.fieldCount;
+    if (!parseFields(response.firstHeader, nullptr, count)) return false;
+    response.fields.reset(new (std::nothrow) THTTPHeaderField[count]);
+    return response.fields != nullptr && parseFields(response.firstHeader, response.fields.get(), count);
+}
+
 // Fills one of the two field buffers: the characters, a NUL after them, the size without it.
-void SetFieldBuffer(const char* source, std::uint32_t length, CData& buffer) {
-    if (buffer.GetBufferSize() <= length && !buffer.SetBufferSize(length + 1)) return;
+bool SetFieldBuffer(const char* source, std::uint32_t length, CData& buffer) {
+    if (buffer.GetBufferSize() <= length && !buffer.SetBufferSize(length + 1)) return false;
     std::memcpy(buffer.GetBuffer(), source, length);
     buffer.GetBuffer()[length] = 0;
-    buffer.SetUsableDataSize(length);
+    return buffer.SetUsableDataSize(length) == length;
 }
 
 const char* bufferText(const CData* buffer, std::uint32_t* length) {
@@ -114,7 +124,7 @@ void* VeHttpParseResponse(const char* text, bool parseHeaderFields) {
     if (text == nullptr || *text == 0) return nullptr;
     auto* response = new (std::nothrow) THTTPResponse;
     if (response == nullptr) return nullptr;
-    if (parseStatusLine(text, *response) && (!parseHeaderFields || parseFields(*response))) return response;
+    if (parseStatusLine(text, *response) && (!parseHeaderFields || takeFields(*response))) return response;
     delete response;
     return nullptr;
 }
@@ -142,7 +152,7 @@ const char* VeHttpGetReasonPhrase(void* pointer, std::uint32_t* length) {
 
 std::uint32_t VeHttpGetFieldCount(void* pointer) {
     const THTTPResponse* response = asResponse(pointer);
-    return response != nullptr ? static_cast<std::uint32_t>(response->fields.size()) : 0;
+    return response != nullptr ? response->fieldCount : 0;
 }
 
 bool VeHttpGetFieldInfo(void* pointer, std::uint32_t index) {
@@ -150,11 +160,14 @@ bool VeHttpGetFieldInfo(void* pointer, std::uint32_t index) {
     if (response == nullptr) return false;
     response->fieldName.Clear();
     response->fieldValue.Clear();
-    if (index >= response->fields.size()) return false;
+    if (index >= response->fieldCount) return false;
     const THTTPHeaderField& field = response->fields[index];
-    SetFieldBuffer(field.name, field.nameLength, response->fieldName);
-    SetFieldBuffer(field.value, field.valueLength, response->fieldValue);
-    return true;
+    if (SetFieldBuffer(field.name, field.nameLength, response->fieldName) &&
+        SetFieldBuffer(field.value, field.valueLength, response->fieldValue)) {
+        return true;
+    }
+    response->fieldName.Clear();
+    return false;
 }
 
 const char* VeHttpGetFieldName(void* pointer, std::uint32_t* length) {

@@ -22,7 +22,7 @@ extern "C" {
 
 /* Accepts a status line, "HTTP/" version " " three digits " " reason CR LF, and, when parseFields is set,
    header fields up to an empty line or the end of the text (RFC 7230, with folded lines). Null when the text
-   is null, empty or anything else. */
+   is null, empty or anything else, or when there is no memory. */
 void* VeHttpParseResponse(const char* text, bool parseFields);
 
 bool IsValidResponsePtr(const void* response);
@@ -38,7 +38,8 @@ const char* VeHttpGetReasonPhrase(void* response, uint32_t* length);
 /* 0 when the fields were not parsed. */
 uint32_t VeHttpGetFieldCount(void* response);
 
-/* Selects a field (from 0) for the two operations below; false, and nothing selected, when there is none. */
+/* Selects a field (from 0) for the two operations below; false, and nothing selected, when there is none, or
+   no memory for it. */
 bool VeHttpGetFieldInfo(void* response, uint32_t index);
 
 /* The selected field; empty when none is. The value is everything after the colon, leading blanks and folded

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "client/ConfigClnt.h"
 #include "client/QuilClientError.h"
@@ -126,7 +127,7 @@ bool ReadClientConfig(bool report) {
     WriteLock lock(RWLock);
     if (!lock) return false;
     configStanza = nullptr;
-    configFile = std::make_unique<ConfigFile>(path.GetTextEx(), kDirectoryStanza);
+    configFile.reset(new (std::nothrow) ConfigFile(path.GetTextEx(), kDirectoryStanza));
     if (ProcessClientConfig(configFile.get(), ClientName, configStanza) != CLIENT_CONFIG_OK) {
         if (report) {
             clientError.SetErrorMessage(
@@ -173,7 +174,7 @@ bool ParseFilePaths() {
 }
 
 const char* GetDocumentPath() {
-    static thread_local CText copy;
+    static VELARTO_PER_THREAD CText copy;
     const ReadLock lock(RWLock);
     copy = DocumentPath;
     return DocumentPath.GetText() != nullptr ? copy.GetTextEx() : nullptr;

@@ -7,7 +7,7 @@
 enum ClientConfigResult {
     CLIENT_CONFIG_OK = 0,
     CLIENT_CONFIG_NO_FILE = 3,      // no usable file
-    CLIENT_CONFIG_NOT_WRITTEN = 4,  // the changed section could not be written back
+    CLIENT_CONFIG_NOT_WRITTEN = 4,  // the changed section could not be written back, or made
     CLIENT_CONFIG_NO_SERVER_LIST = 5
 };
 

@@ -6,7 +6,7 @@ const char* VE_ERR_HTML_TEMPLATE =
     "<html><head><title>Client Error</title></head><body><h3>Client/Plug-in Error</h3>"
     "Error Code: %d<br /><p>%s</p><p>%s</p></body></html>";
 
-thread_local QuilClientError clientError;
+VELARTO_PER_THREAD QuilClientError clientError;
 
 namespace {
 

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "Server/Common_Classes/PerThread.h"
 #include "Server/Common_Classes/UText.h"
 
 // The codes that the client records or the gateway shows. Only the low eight bits of one reach a parent
@@ -57,4 +58,4 @@ class QuilClientError {
 };
 
 // The record of the calling thread: what one thread's requests meet is no concern of another's.
-extern thread_local QuilClientError clientError;
+extern VELARTO_PER_THREAD QuilClientError clientError;

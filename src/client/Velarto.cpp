@@ -163,7 +163,7 @@ unsigned char* VeClientGetScratchBuffer(ve_hclient_t* connection, std::uint32_t 
     if (client == nullptr) return nullptr;
     CData& scratch = client->GetScratchBuffer(size);
     if (bufferSize != nullptr) *bufferSize = scratch.GetBufferSize();
-    return scratch.GetBuffer();
+    return scratch.GetBufferSize() >= size ? scratch.GetBuffer() : nullptr;
 }
 
 std::uint32_t VeClientGetScratchDataSize(ve_hclient_t* connection) {

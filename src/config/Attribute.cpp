@@ -61,7 +61,9 @@ std::uint32_t Attribute::getValueListElementCount() const {
 bool Attribute::getValueListElement(std::uint32_t index, CText& out) const {
     const char* element = elementAt(value_.GetTextEx(), index);
     if (element == nullptr) return false;
-    out.SetEqualTo(element, elementLength(element), 0);
+    const std::uint32_t length = elementLength(element);
+    if (!out.SetBufferSize(length + 1)) return false;
+    out.SetEqualTo(element, length, 0);
     return true;
 }
 

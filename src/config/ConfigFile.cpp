@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "config/LockedFile.h"
 #include "eventlog/eventlog.h"
@@ -92,12 +93,16 @@ bool ConfigFile::pLoad(const LockedFile& file, const CText* only) {
     if (isInvalid(file.status().st_size)) return false;
 
     CData content;
-    if (!doneOrReported(file.read(content, kMaxFileSize), path_)) {
+    if (!doneOrReported(file.read(content, kMaxFileSize + 1), path_)) {
         parseError_ = {"the file cannot be read", 0, 0, errno};
         return false;
     }
     // Programs that do not heed the lock may have changed the size meanwhile.
     if (isInvalid(content.GetDataSize())) return false;
+    if (content.GetDataSize() != file.status().st_size) {
+        parseError_ = {"the file changed while it was read", 0, 0, 0};
+        return false;
+    }
 
     removeAllStanzas();
     ConfigParser parser(reinterpret_cast<const char*>(content.GetBuffer()), content.GetDataSize());
@@ -105,7 +110,7 @@ bool ConfigFile::pLoad(const LockedFile& file, const CText* only) {
     while (std::unique_ptr<Stanza> stanza = next())
         pAddStanza(stanza.release(), false);
     parseError_ = parser.error();
-    if (parseError_.line != 0) return false;
+    if (*parseError_.reason != '\0') return false;
     // As it was before the content was read, so that a change in between counts as a later one.
     parseTimestamp_ = file.status().st_mtime;
     return true;
@@ -203,7 +208,9 @@ bool ConfigFile::changeValue(const CText& stanza, const CText& key, const CText&
     return found != nullptr && found->changeValue(key.GetTextEx(), value.GetTextEx());
 }
 
+// False for null, as it comes from a new without memory.
 bool ConfigFile::pAddStanza(Stanza* stanza, bool addToDirectory) {
+    if (stanza == nullptr) return false;
     stanzas_.append(stanza);
     if (!addToDirectory) return true;
     Stanza* directory = pGetDirectory();
@@ -220,11 +227,11 @@ bool ConfigFile::addStanza(Stanza* stanza, bool addToDirectory) {
 bool ConfigFile::pRemoveStanza(const CText& name) {
     Stanza* stanza = pGetStanza(name);
     if (stanza == nullptr) return false;
-    const CText key(name);  // name may be the stanza's own
     stanzas_.remove(stanza);
-    delete stanza;
     Stanza* directory = pGetDirectory();
-    return directory != nullptr && directory->removeKey(key.GetTextEx());
+    const bool wasListed = directory != nullptr && directory->removeKey(name.GetTextEx());
+    delete stanza;  // last, because name may be its own
+    return wasListed;
 }
 
 bool ConfigFile::removeStanza(const CText& name) {
@@ -243,13 +250,14 @@ bool ConfigFile::removeAllStanzas() {
 bool ConfigFile::createDirectoryStanza() {
     MutexLock lock(lock_);
     if (pGetDirectory() != nullptr) return true;
-    return pAddStanza(new Stanza(directoryName_.GetTextEx()), false);
+    return pAddStanza(new (std::nothrow) Stanza(directoryName_.GetTextEx()), false);
 }
 
 // ---- merging and writing ----
 
 bool ConfigFile::mergeConfigFiles(ConfigFile& other) {
     MutexLock lock(lock_);
+    const MemoryWatch memory;
     Stanza* directory = pGetDirectory();
     Stanza* otherDirectory = other.pGetStanza(directoryName_);
     if (directory == nullptr || otherDirectory == nullptr) return false;
@@ -261,11 +269,11 @@ bool ConfigFile::mergeConfigFiles(ConfigFile& other) {
         Stanza* present = pGetStanza(taken->getStanzaName());
         if (present != nullptr) {
             present->mergeStanza(*taken);
-        } else {
-            pAddStanza(new Stanza(*taken), false);
+        } else if (!pAddStanza(new (std::nothrow) Stanza(*taken), false)) {
+            return false;
         }
     }
-    return true;
+    return !memory.ranOut();
 }
 
 // A name or key that the syntax cannot carry must not make the file unreadable for everybody.
@@ -275,17 +283,18 @@ bool ConfigFile::pReadsBack(const char* bytes, std::uint32_t size) {
         const std::unique_ptr<Stanza> stanza = parser.nextStanza();
         if (stanza == nullptr || !stanza->isStanzaName(i.currentItem()->getStanzaName())) return false;
     }
-    return parser.nextStanza() == nullptr && parser.error().line == 0 && size <= kMaxFileSize;
+    return parser.nextStanza() == nullptr && *parser.error().reason == '\0' && size <= kMaxFileSize;
 }
 
-bool ConfigFile::pStore(LockedFile& file) {
+// memory has watched since before the image was put together: one that lacks something is not written.
+bool ConfigFile::pStore(LockedFile& file, const MemoryWatch& memory) {
     MemoryStream content;
     bool written = content.stream() != nullptr;
     for (ListIterators<Stanza*> i(stanzas_); written && !i.isDone(); i.next())
         written = i.currentItem()->saveStanza(content.stream());
     if (!written || !content.finish()) return report(FileFault::kWrite, path_);
-    if (!pReadsBack(content.bytes(), content.size())) {
-        errno = content.size() > kMaxFileSize ? EFBIG : EINVAL;
+    if (!pReadsBack(content.bytes(), content.size()) || memory.ranOut()) {
+        errno = memory.ranOut() ? ENOMEM : content.size() > kMaxFileSize ? EFBIG : EINVAL;
         return report(FileFault::kWrite, path_);
     }
     return doneOrReported(file.replace(content.bytes(), content.size()), path_);
@@ -293,28 +302,31 @@ bool ConfigFile::pStore(LockedFile& file) {
 
 bool ConfigFile::writeFile(bool merge) {
     MutexLock lock(lock_);
+    const MemoryWatch memory;
     LockedFile file(path_);
     if (!doneOrReported(file.open(merge ? LockedFile::kChange : LockedFile::kCreate), path_)) return false;
-    if (!merge) return pStore(file);
+    if (!merge) return pStore(file, memory);
     ConfigFile image(path_.GetText(), directoryName_.GetText());
-    return image.pLoad(file, nullptr) && image.mergeConfigFiles(*this) && image.pStore(file);
+    return image.pLoad(file, nullptr) && image.mergeConfigFiles(*this) && image.pStore(file, memory);
 }
 
 bool ConfigFile::removeStanzaWithWrite(const char* name) {
     MutexLock lock(lock_);
+    const MemoryWatch memory;
     const CText removed(name);
     LockedFile file(path_);
     if (!doneOrReported(file.open(LockedFile::kChange), path_)) return false;
     ConfigFile image(path_.GetText(), directoryName_.GetText());
     if (!image.pLoad(file, nullptr) || !image.mergeConfigFiles(*this)) return false;
     image.pRemoveStanza(removed);
-    const bool written = image.pStore(file);
+    const bool written = image.pStore(file, memory);
     pRemoveStanza(removed);
     return written;
 }
 
 bool ConfigFile::changeStanzaWithWrite(const char* name) {
     MutexLock lock(lock_);
+    const MemoryWatch memory;
     LockedFile file(path_);
     if (!doneOrReported(file.open(LockedFile::kChange), path_)) return false;
     ConfigFile image(path_.GetText(), directoryName_.GetText());
@@ -329,9 +341,9 @@ bool ConfigFile::changeStanzaWithWrite(const char* name) {
         Stanza* directoryOnDisk = image.pGetDirectory();
         if (directory == nullptr || directoryOnDisk == nullptr) return false;
         directoryOnDisk->mergeStanza(*directory);
-        image.pAddStanza(new Stanza(*inMemory), false);
+        if (!image.pAddStanza(new (std::nothrow) Stanza(*inMemory), false)) return false;
     }
-    return image.pStore(file);
+    return image.pStore(file, memory);
 }
 
 bool ConfigFile::dump() {

@@ -30,8 +30,8 @@ class ConfigFile {
     virtual ~ConfigFile();
 
     // Replaces the stanzas by those of the file (1 to 131072 bytes). A failure before the content is read
-    // leaves the stanzas as they were; a syntax error leaves those completed before it. Pointers to stanzas
-    // taken before are invalid.
+    // leaves the stanzas as they were; a syntax error, or a lack of memory, leaves those completed before it.
+    // Pointers to stanzas taken before are invalid.
     bool parseConfigFile();
     // As parseConfigFile(), but keeps only what is named so: the rest of the file is checked, not built. For a
     // reader who needs one stanza of a large file. What lists or writes stanzas sees that one alone.
@@ -54,21 +54,22 @@ class ConfigFile {
 
     // ---- changes in memory ----
     bool changeValue(const CText& stanza, const CText& key, const CText& value);
-    bool addStanza(Stanza* stanza, bool addToDirectory);  // takes ownership; always true
+    bool addStanza(Stanza* stanza, bool addToDirectory);  // takes ownership; true unless it is null
     bool removeStanza(const CText& name);                 // returns whether the directory held it too
     bool removeAllStanzas();                              // always true
-    bool createDirectoryStanza();                         // when missing; always true
+    bool createDirectoryStanza();                         // when missing; false when there is no memory
 
     // ---- merging and writing ----
     // Takes over the stanzas that other lists in its directory: present ones are merged, new ones copied. The
-    // caller holds other's lock. False, with nothing changed, when either directory stanza is missing.
+    // caller holds other's lock. False, with nothing changed, when either directory stanza is missing; also when
+    // memory runs out, and then something may be missing here.
     bool mergeConfigFiles(ConfigFile& other);
 
     // The next three hold one exclusive lock on the file from before it is read until it is written, and the
     // file keeps its old content, whole, unless the new content could be written whole (see LockedFile).
     // A file that is missing, cannot be opened for writing or does not parse fails them, with nothing
     // changed; so does an image that would not parse back to the same sections, such as
-    // one with a name that the syntax cannot carry.
+    // one with a name that the syntax cannot carry, and one for which memory ran out.
 
     // Writes this image, merged into what the file holds when merge is set; else the file may be missing, and
     // its content does not matter.
@@ -82,7 +83,7 @@ class ConfigFile {
 
     // ---- where the file lies ----
     // The configuration directory, ending in "/": from VELARTO_PATH, else the velarto user's shell profile,
-    // else the default. False when it does not fit into size bytes.
+    // else the default. False when it does not fit into size bytes or into memory.
     static bool getPlatformConfigPath(char* buffer, int size);
     static bool buildConfigPath(const char* fileName, CText& path);
 
@@ -98,7 +99,7 @@ class ConfigFile {
     bool parse(const CText* only);
     bool pLoad(const LockedFile& file, const CText* only);
     bool pReadsBack(const char* bytes, std::uint32_t size);
-    bool pStore(LockedFile& file);
+    bool pStore(LockedFile& file, const MemoryWatch& memory);
 
     std::uint32_t cursor_ = 0;
     CText path_;

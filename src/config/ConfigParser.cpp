@@ -2,7 +2,9 @@
 #include "config/ConfigParser.h"
 
 #include <array>
+#include <cerrno>
 #include <cstring>
+#include <new>
 
 namespace {
 
@@ -90,19 +92,21 @@ void ConfigTokenizer::skipPlainLines(std::size_t maxKeyLength) {
 // A token ends in front of a backslash's partner only where that partner cannot be protected: any other
 // backslash has its partner inside.
 const char* ConfigTokenizer::text() {
-    text_.clear();
-    text_.reserve(length() + 1);
-    for (const char* p = textBegin_; p != textEnd_ && text_.size() < maxLength_; ++p) {
+    const auto needed = static_cast<std::uint32_t>(length() + 1);
+    if (text_.GetBufferSize() < needed && !text_.SetBufferSize(needed)) return "";
+    auto* const text = reinterpret_cast<char*>(text_.GetBuffer());
+    std::size_t size = 0;
+    for (const char* p = textBegin_; p != textEnd_ && size < maxLength_; ++p) {
         const bool isEscape = *p == '\\' && p + 1 != textEnd_;
         const char decoded = isEscape ? Stanza::GetBSEscValue(p[1]) : '\0';
-        text_.push_back(decoded != '\0' ? decoded : *p);
+        text[size++] = decoded != '\0' ? decoded : *p;
         if (isEscape) {
             ++p;
-            if (decoded == '\0') text_.push_back(*p);
+            if (decoded == '\0') text[size++] = *p;
         }
     }
-    text_.push_back('\0');
-    return text_.data();
+    text[size] = '\0';
+    return text;
 }
 
 bool ConfigTokenizer::isVerbatim() const {
@@ -178,8 +182,9 @@ const char* ConfigParser::name() {
 }
 
 std::unique_ptr<Stanza> ConfigParser::readStanza() {
-    auto stanza = std::make_unique<Stanza>(name());
-    return readBody(stanza.get()) ? std::move(stanza) : nullptr;
+    std::unique_ptr<Stanza> stanza(new (std::nothrow) Stanza(name()));
+    const bool isWhole = stanza != nullptr ? readBody(stanza.get()) : failWithoutMemory();
+    return isWhole ? std::move(stanza) : nullptr;
 }
 
 // What follows the name. Without a stanza to fill it is only checked.
@@ -195,7 +200,7 @@ bool ConfigParser::readBody(Stanza* stanza) {
         switch (tokens_.getToken(false)) {
             case ConfigTokenizer::kEndOfLine:
             case ConfigTokenizer::kEndOfFile:
-                return true;
+                return !memory_.ranOut() || failWithoutMemory();
             case ConfigTokenizer::kKey:
                 break;
             case ConfigTokenizer::kStanzaHeader:
@@ -217,5 +222,10 @@ bool ConfigParser::readBody(Stanza* stanza) {
 bool ConfigParser::fail(const char* reason) {
     error_.reason = reason;
     tokens_.locate(error_.line, error_.column);
+    return false;
+}
+
+bool ConfigParser::failWithoutMemory() {
+    error_ = {"there is not enough memory for the file's content", 0, 0, ENOMEM};
     return false;
 }

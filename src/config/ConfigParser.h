@@ -3,13 +3,13 @@
 
 #include <cstdint>
 #include <memory>
-#include <vector>
 
+#include "Server/Common_Classes/UData.h"
 #include "config/Stanza.h"
 
 // Where and why a parse stopped. A fault in the file's text has a line and a column, both from 1 (a column is
-// a byte); for a file that could not be read both are 0, and systemError is the errno of the call that
-// failed, if one did.
+// a byte); for a file that could not be read, or held in memory, both are 0, and systemError is the errno of what
+// failed, if it has one.
 struct ParseError {
     const char* reason = "";  // empty when nothing went wrong
     std::uint32_t line = 0;
@@ -48,7 +48,7 @@ class ConfigTokenizer {
     void skipPlainLines(std::size_t maxKeyLength);
 
     // Of a key, header or value token: its bytes in the file / the text that they stand for, which is never
-    // longer. The text is valid until the next call.
+    // longer. The text is valid until the next call; it is empty when there is no memory for it.
     std::size_t length() const { return static_cast<std::size_t>(textEnd_ - textBegin_); }
     const char* text();
     bool isVerbatim() const;  // nothing to decode: the bytes are the text
@@ -68,11 +68,12 @@ class ConfigTokenizer {
     const char* textBegin_ = nullptr;
     const char* textEnd_ = nullptr;
     std::size_t maxLength_ = 0;
-    std::vector<char> text_;
+    CData text_;
 };
 
 // Builds the stanzas of a file one after the other. Between two of them stands at least one empty or comment
-// line, and none stands inside. A name of more than 254 characters becomes empty, a key of more is an error.
+// line, and none stands inside. A name of more than 254 characters becomes empty, a key of more is an error; so is
+// a lack of memory: a stanza is handed out whole or not at all.
 class ConfigParser {
   public:
     ConfigParser(const char* content, std::uint32_t size) : tokens_(content, size) {}
@@ -94,7 +95,9 @@ class ConfigParser {
     std::unique_ptr<Stanza> readStanza();
     bool readBody(Stanza* stanza);
     bool fail(const char* reason);
+    bool failWithoutMemory();
 
+    const MemoryWatch memory_;
     ConfigTokenizer tokens_;
     ParseError error_;
 };

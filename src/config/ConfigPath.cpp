@@ -68,6 +68,7 @@ CText configuredBase() {
 }  // namespace
 
 bool ConfigFile::getPlatformConfigPath(char* buffer, int size) {
+    const MemoryWatch memory;  // a base that is lost must not lead to the default's files
     CText path = configuredBase();
     std::uint32_t spare = 1;  // for the terminator
     if (path.IsEmpty()) {
@@ -77,7 +78,7 @@ bool ConfigFile::getPlatformConfigPath(char* buffer, int size) {
         spare = 3;  // a configured base leaves two characters unused
     }
     path += kFolder;
-    if (size < 0 || path.Length() + spare > static_cast<std::uint32_t>(size)) return false;
+    if (memory.ranOut() || size < 0 || path.Length() + spare > static_cast<std::uint32_t>(size)) return false;
     std::memcpy(buffer, path.GetTextEx(), path.GetDataSize());
     return true;
 }
@@ -86,7 +87,8 @@ bool ConfigFile::buildConfigPath(const char* fileName, CText& path) {
     constexpr int kMaxPath = 255;
     char folder[kMaxPath];
     if (!getPlatformConfigPath(folder, kMaxPath)) return false;
+    const MemoryWatch memory;
     path = folder;
     path += fileName;
-    return true;
+    return !memory.ranOut();
 }

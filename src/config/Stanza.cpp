@@ -3,7 +3,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <vector>
+#include <memory>
+#include <new>
 
 namespace {
 
@@ -231,18 +232,20 @@ int Stanza::writeBSEscString(std::FILE* f, const char* text) {
 
 bool Stanza::saveStanza(std::FILE* f) {
     MutexLock lock(lock_);
-    std::vector<const Attribute*> sorted;
+    const std::size_t count = attributes_.length();
+    const std::unique_ptr<const Attribute*[]> sorted(new (std::nothrow) const Attribute*[count]);
+    if (sorted == nullptr) return false;
+    const Attribute** end = sorted.get();
     for (ListIterators<Attribute> i(attributes_.attributes()); !i.isDone(); i.next())
-        sorted.push_back(&i.currentItem());
-    std::stable_sort(sorted.begin(), sorted.end(),
+        *end++ = &i.currentItem();
+    std::stable_sort(sorted.get(), end,
                      [](const Attribute* left, const Attribute* right) { return *left < *right; });
 
     const auto put = [f](char c) { return std::putc(c, f) != EOF; };
     const auto putEscaped = [this, f](const CText& text) { return writeBSEscString(f, text.GetText()) >= 0; };
     if (!put('[') || !putEscaped(name_) || !put(']') || !put('\n')) return false;
-    for (const Attribute* attribute : sorted) {
-        if (!putEscaped(attribute->key()) || !put('=') || !putEscaped(attribute->value()) || !put('\n'))
-            return false;
+    for (const Attribute** i = sorted.get(); i != end; ++i) {
+        if (!putEscaped((*i)->key()) || !put('=') || !putEscaped((*i)->value()) || !put('\n')) return false;
     }
     put('\n');
     return true;

@@ -71,7 +71,7 @@ class Stanza {
     // stream refuses one.
     int writeBSEscString(std::FILE* f, const char* text);
     // Writes the section in the file syntax, attributes sorted by key, an empty line after it. Stops at the
-    // first write that fails: false.
+    // first write that fails: false. Likewise without memory for the sorting.
     bool saveStanza(std::FILE* f);
 
   private:

@@ -45,9 +45,11 @@ bool QuilClient::SendQuilRequest(TQuilRequest* request) {
         !marshallData(request->postArgs())) {
         return false;
     }
+    const MemoryWatch memory;
     CText cookies;
     AddVelartoCookieWithIP(request->GetParamAttribute(QUIL_PARAM_HTTP_COOKIE)->value(), cookies);
     request->SetParamAttribute(QUIL_PARAM_HTTP_COOKIE, cookies.GetTextEx());
+    if (memory.ranOut()) return false;
     for (std::uint32_t id = 0; id < QUIL_PARAM_NONE; ++id) {
         if (!marshallAttribute(*request->GetParamAttribute(static_cast<TQUILReqParamID>(id)))) return false;
     }
@@ -55,8 +57,8 @@ bool QuilClient::SendQuilRequest(TQuilRequest* request) {
 }
 
 bool QuilClient::DispatchQuilRequests(DispatchCallback callback, void* user, bool parseFilePaths) {
-    CText& payload = payload_;
     for (;;) {
+        payload_.Clear();
         std::uint32_t type = 0;
         std::uint32_t version = 0;
         if (!unmarshallHeader(type, version) || version != QUIL_PROTOCOL_VERSION) return false;
@@ -64,11 +66,11 @@ bool QuilClient::DispatchQuilRequests(DispatchCallback callback, void* user, boo
         switch (type) {
             case QUIL_BODY_DATA:
             case QUIL_HTTP_HEADER:
-                if (!unmarshallText(payload) || !unmarshallFooter()) return false;
+                if (!unmarshallText(payload_) || !unmarshallFooter()) return false;
                 CompleteQuilRequest(type, true);  // a lost connection shows at the next read
                 break;
             case QUIL_FILE_REQUEST:
-                processFileRequest(payload, parseFilePaths);  // likewise
+                processFileRequest(payload_, parseFilePaths);  // likewise
                 break;
             case QUIL_END:
                 if (!unmarshallFooter()) return false;
@@ -76,12 +78,11 @@ bool QuilClient::DispatchQuilRequests(DispatchCallback callback, void* user, boo
             default:  // no body is known for it: its footer fails the next header
                 break;
         }
-        if (callback != nullptr &&
-            !callback(*this, static_cast<TQUILReqType>(type), payload.GetTextEx(), payload.Length(), user)) {
+        if (callback != nullptr && !callback(*this, static_cast<TQUILReqType>(type), payload_.GetTextEx(),
+                                             payload_.Length(), user)) {
             return false;
         }
         if (type == QUIL_END) return true;
-        payload.Clear();
     }
 }
 

@@ -47,7 +47,7 @@ class QuilClient : public DripClient {
                                      bool oneShotClient);
 
     // Sends the request message. Rewrites the request's HTTP_COOKIE: the client's own cookies are added to
-    // it.
+    // it. False, too, when there is no memory for that.
     virtual bool SendQuilRequest(TQuilRequest* request);
 
     // Serves the server's messages until the end message (true) or a failure. Data and header messages are
@@ -98,6 +98,7 @@ class QuilClient : public DripClient {
     void setServer(const char* addressText, const char* portText, std::uint32_t address, std::uint16_t port);
 
   private:
+    bool connectToChosenServer(const TQuilRequest* request, Stanza& clientSection);
     bool connectToForcedServer(const Attribute& servers, std::uint32_t n);
     bool connectToUsersServer(const TQuilRequest* request, const Attribute& servers, std::uint32_t n,
                               std::uint32_t& lastFailed);

@@ -68,7 +68,8 @@ TQuilRequest::~TQuilRequest() {
 }
 
 bool TQuilRequest::SetParamAttribute(TQUILReqParamID id, const char* value) {
-    return isParam(id) && params_[id].updateValue(value);
+    const MemoryWatch memory;
+    return isParam(id) && params_[id].updateValue(value) && !memory.ranOut();
 }
 
 bool TQuilRequest::SetParamAttribute(const char* name, const char* value) {

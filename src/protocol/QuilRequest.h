@@ -25,7 +25,7 @@ class TQuilRequest {
     ~TQuilRequest();
 
     // Copy the value in (null empties the parameter). False, and nothing changed, when there is no such
-    // parameter.
+    // parameter. False, and the value cut, when there is no memory for it.
     bool SetParamAttribute(TQUILReqParamID id, const char* value);
     bool SetParamAttribute(const char* name, const char* value);
 

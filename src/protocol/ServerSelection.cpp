@@ -6,7 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <vector>
+#include <memory>
+#include <new>
 
 #include "protocol/QuilClient.h"
 
@@ -73,17 +74,22 @@ void parse_zorbi_server_param(const char* entry, char* sid, char* host, char* po
 bool QuilClient::ConnectToQuilServer(TQuilRequest* request, Stanza* clientSection, const char* clientName,
                                      bool /*oneShotClient*/) {
     if (clientSection == nullptr) return false;
+    // With a text cut for want of memory the choice may have been another server, or the client's name another one.
+    const MemoryWatch memory;
     setClientName(clientName);
+    return connectToChosenServer(request, *clientSection) && !memory.ranOut();
+}
 
+bool QuilClient::connectToChosenServer(const TQuilRequest* request, Stanza& clientSection) {
     Attribute servers;
-    clientSection->getAttribute("VELARTO_SERVER", servers);
+    clientSection.getAttribute("VELARTO_SERVER", servers);
     servers.getValue(serverEntry_);
     const std::uint32_t n = servers.getValueListElementCount();
     if (request == nullptr || n == 1) return connectToServer(serverEntry_.GetTextEx());
 
     addRouteCookie_ = true;
     CText argumentName;
-    if (clientSection->getValue("FORCE_SERVER_ARG_NAME", argumentName)) {
+    if (clientSection.getValue("FORCE_SERVER_ARG_NAME", argumentName)) {
         setSIDFromQueryString(request->GetParamAttribute(QUIL_PARAM_QUERY_STRING)->value(), argumentName);
         if (sid_[0] != 0) return connectToForcedServer(servers, n);
     }
@@ -135,13 +141,14 @@ bool QuilClient::connectToUsersServer(const TQuilRequest* request, const Attribu
 
 // Every element once, from random places on, but for the one that has just failed.
 bool QuilClient::connectToRandomServer(const Attribute& servers, std::uint32_t n, std::uint32_t lastFailed) {
-    std::vector<unsigned char> tried(n);
+    const std::unique_ptr<bool[]> tried(new (std::nothrow) bool[n]());
+    if (tried == nullptr) return false;
     srandom(static_cast<unsigned>(std::time(nullptr)));
     for (std::uint32_t turn = 0; turn < n; ++turn) {
         auto r = static_cast<std::uint32_t>(static_cast<unsigned long>(random()) % n);
-        while (tried[r] != 0)
+        while (tried[r])
             r = (r + 1) % n;
-        tried[r] = 1;
+        tried[r] = true;
         if (r == lastFailed) continue;
         takeElement(servers, r, serverEntry_);
         if (!serverEntry_.IsEmpty() && connectToServer(serverEntry_.GetTextEx())) return true;

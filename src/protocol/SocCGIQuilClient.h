@@ -30,8 +30,8 @@ class SocCGIQuilClient : public QuilClient {
     using QuilClient::connectToServer;
 
   private:
-    // A refill of the stream asks for 4 KB. Once one was filled to the brim, a receive takes what has come, up to
-    // this, and serves the refills that follow too: a body piece of the usual size costs one system call.
+    // A refill of the stream asks for 4 KB. Once one was filled to the brim, a receive takes what has come, up
+    // to this, and serves the refills that follow too: a body piece of the usual size costs one system call.
     static constexpr std::uint32_t kReadAhead = 65536;
 
     Socket socket_;

@@ -101,6 +101,7 @@ bool Drip::marshallAttributeList(const AttributeList& list) {
 }
 
 bool Drip::unmarshallAttributeList(AttributeList*& list) {
+    const MemoryWatch memory;
     list = new (std::nothrow) AttributeList;
     std::uint32_t count = 0;
     if (list == nullptr || !unmarshallULONG(count)) return false;
@@ -110,7 +111,7 @@ bool Drip::unmarshallAttributeList(AttributeList*& list) {
         if (!unmarshallAttribute(scratch)) return false;
         list->addAttribute(scratch);
     }
-    return true;
+    return !memory.ranOut();
 }
 
 bool Drip::readMark(const char* mark) {

@@ -5,8 +5,8 @@
 
 // One 4096-byte buffer, used for output or for input, over a transport that a derived class supplies. Output
 // is collected until the buffer would overflow or is flushed; input is read in blocks of up to 4096 bytes and
-// handed out piecewise. Large blocks pass the buffer by. Switching direction requires a drained buffer: a writer flushes before it reads, a
-// reader takes all input before it writes.
+// handed out piecewise. Large blocks pass the buffer by. Switching direction requires a drained buffer: a
+// writer flushes before it reads, a reader takes all input before it writes.
 //
 // Errors: every operation reports failure by a false result; afterwards the position in the byte stream is
 // undefined and the connection is abandoned. Threads: one at a time.
@@ -55,8 +55,8 @@ class NetBase {
   protected:
     void markStreamBad() { streamGood_ = false; }
 
-    // How many bytes of a large block one transport call is to move: a multiple of kBufferSize, and just that
-    // unless a transport that does better with more says so.
+    // How many bytes of a large block one transport call is to move: a positive multiple of kBufferSize, and
+    // just that unless a transport that does better with more says so. A copy starts with kBufferSize again.
     void setTransportStep(std::uint32_t bytes) { transportStep_ = bytes; }
 
   private:

@@ -4,8 +4,8 @@
 #include <atomic>
 #include <new>
 
-// Makes objects of T, of which the first has a place of its own and further ones come from the heap: a process
-// that serves one request is spared a mapping and its page faults. Threads: any.
+// Makes objects of T, of which one at a time lives in a place of its own, the others on the heap: a process that
+// serves one request is spared a mapping and its page faults. Threads: any.
 template <class T>
 class FirstInPlace {
   public:
@@ -27,6 +27,7 @@ class FirstInPlace {
     }
 
   private:
-    alignas(T) inline static unsigned char place_[sizeof(T)];
-    inline static std::atomic_flag taken_ = ATOMIC_FLAG_INIT;
+    // Hidden: modules of one process that each hold this library must not share a place.
+    alignas(T) [[gnu::visibility("hidden")]] inline static unsigned char place_[sizeof(T)];
+    [[gnu::visibility("hidden")]] inline static std::atomic_flag taken_ = ATOMIC_FLAG_INIT;
 };
