@@ -1,5 +1,5 @@
-// Benchmarks of the gateway's pieces: marshalling, configuration, header check. Compare figures of one run with
-// one another; machines are noisy.
+// Benchmarks of the gateway's pieces: marshalling, configuration, header check. Compare figures of one run
+// with one another; machines are noisy.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <unistd.h>

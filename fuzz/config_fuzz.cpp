@@ -1,5 +1,5 @@
-// Configuration files with any content: what is read, what a reader of one section makes of the same file, what
-// is written back and read again, and how much memory all of it takes.
+// Configuration files with any content: what is read, what a reader of one section makes of the same file,
+// what is written back and read again, and how much memory all of it takes.
 //
 // Input: the file.
 #include <strings.h>

@@ -1,8 +1,8 @@
-// What selects a server: user references in cookies, query string and body, the forced SID, the entries of the
-// server list, and the cookies that tell what was chosen; each against a second opinion.
+// What selects a server: user references in cookies, query string and body, the forced SID, the entries of
+// the server list, and the cookies that tell what was chosen; each against a second opinion.
 //
-// Input: cookies, query string, name of the query argument, server entry and client name, each with a zero byte
-// after it; then the body.
+// Input: cookies, query string, name of the query argument, server entry and client name, each with a zero
+// byte after it; then the body.
 #include <vector>
 
 #include "Fuzz.h"

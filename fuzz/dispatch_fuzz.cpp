@@ -2,8 +2,8 @@
 // answered, and how much memory the lengths on the wire can claim.
 //
 // Input: the bytes that the server sends. A backslash and another character stand for a pause, at which a
-// receive ends; two backslashes for one. The last byte: the number of the write that fails, 0 for none; the byte
-// before it: whether paths of files are parsed.
+// receive ends; two backslashes for one. The last byte: the number of the write that fails, 0 for none; the
+// byte before it: whether paths of files are parsed.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstring>

@@ -1,5 +1,5 @@
-// What is left when memory runs out: every scenario runs again and again, and each time another of its allocations
-// fails, alone or with all that follow it, until none is left to fail.
+// What is left when memory runs out: every scenario runs again and again, and each time another of its
+// allocations fails, alone or with all that follow it, until none is left to fail.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>

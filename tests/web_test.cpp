@@ -183,8 +183,9 @@ class Web : public testing::TestWithParam<WebServer> {
     }
 
     // Whatever the test was about: the web server stops when asked to, nothing stays behind, and neither the
-    // web server nor a sanitizer has complained. A gateway can outlive the web server by a moment: once it has
-    // a body of the length that the header gives, lighttpd answers the browser and sends SIGTERM to the gateway.
+    // web server nor a sanitizer has complained. A gateway can outlive the web server by a moment: once it
+    // has a body of the length that the header gives, lighttpd answers the browser and sends SIGTERM to the
+    // gateway.
     void TearDown() override {
         if (web_ == nullptr) return;
         web_->kill(SIGTERM);

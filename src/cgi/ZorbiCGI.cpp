@@ -71,9 +71,9 @@ void setAlarm() {
 // the caller left them closed: a socket that got such a number would receive every diagnostic of the C
 // library, or the response.
 //
-// What stood there stays open under another number until the process ends. A prefork Apache reads standard error
-// beside the output. Where nothing but the end of the output wakes it, it often does so before the process is
-// dead, finds it alive, and waits 47 ms.
+// What stood there stays open under another number until the process ends. A prefork Apache reads standard
+// error beside the output. Where nothing but the end of the output wakes it, it often does so before the
+// process is dead, finds it alive, and waits 47 ms.
 void closeStandardError() {
     fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     close(STDERR_FILENO);
@@ -144,8 +144,8 @@ void writeErrorPage(std::uint32_t code) {
     WriteOSFile(STDOUT_FILENO, parts, static_cast<int>(std::size(parts)));
 }
 
-// Where new finds no memory. Blocks of bytes, which may be large, tell their failures; this is about the small
-// objects around them, whose lack would stop the process by an assertion, or without a page.
+// Where new finds no memory. Blocks of bytes, which may be large, tell their failures; this is about the
+// small objects around them, whose lack would stop the process by an assertion, or without a page.
 [[noreturn]] void endWithoutMemory() {
     writeErrorPage(CLIENT_ERR_INTERNAL);
     _exit(CLIENT_ERR_INTERNAL);

@@ -26,8 +26,8 @@ constexpr char kDirectoryStanza[] = "Velarto Client Definitions";
 constexpr std::uint32_t kReloadInterval = 5000;     // milliseconds
 constexpr std::uint32_t kThreadEndTimeout = 10000;  // milliseconds
 
-// Guarded by RWLock as well. They outlive the loaded configuration: without the lock, which then does not exist,
-// nobody changes them.
+// Guarded by RWLock as well. They outlive the loaded configuration: without the lock, which then does not
+// exist, nobody changes them.
 CText DocumentPath;
 CText RegisteredExtensions;
 

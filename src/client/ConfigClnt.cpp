@@ -67,8 +67,8 @@ void acceptColonInsideEntries(Stanza& stanza, CText& list) {
     stanza.changeValue(kServerKey, list.GetTextEx());
 }
 
-// Puts into the client's section, in memory and in the file, what it lacks: a new client's section itself, or the
-// server list that an older form stands for.
+// Puts into the client's section, in memory and in the file, what it lacks: a new client's section itself, or
+// the server list that an older form stands for.
 ClientConfigResult completeSection(ConfigFile& file, const CText& clientName, Stanza*& stanza,
                                    CText& servers) {
     const MemoryWatch memory;
@@ -91,8 +91,8 @@ ClientConfigResult completeSection(ConfigFile& file, const CText& clientName, St
     return written ? CLIENT_CONFIG_OK : CLIENT_CONFIG_NOT_WRITTEN;
 }
 
-// Reads the client's section. Another process may be changing the file: one that could not be read is read once
-// more, and one with a fault in it is left to the write, which reads it again.
+// Reads the client's section. Another process may be changing the file: one that could not be read is read
+// once more, and one with a fault in it is left to the write, which reads it again.
 bool readSection(ConfigFile& file, const CText& clientName) {
     if (file.parseStanza(clientName)) return true;
     if (file.lastParseError().line == 0) return file.parseStanza(clientName);

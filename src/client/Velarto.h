@@ -82,8 +82,8 @@ bool VeClientDispatchRequests(ve_hclient_t* connection, VeClientDispatchCallback
 ve_hrequest_t* VeClientAllocRequest(ve_hclient_t* connection);
 bool VeClientFreeRequest(ve_hclient_t* connection, ve_hrequest_t* request);
 
-/* A null value does nothing and is true, whatever the handle. False for QUIL_PARAM_NONE and beyond, and when there
-   is no memory for the value. */
+/* A null value does nothing and is true, whatever the handle. False for QUIL_PARAM_NONE and beyond, and when
+   there is no memory for the value. */
 bool VeRequestSetAtrtibute(ve_hrequest_t* request, TQUILReqParamID id, const char* value);
 
 /* The value, "" when it was never set; null for an unknown id. Valid until the parameter is set again. */
@@ -101,9 +101,9 @@ bool VeRequestSetPostArgData(ve_hrequest_t* request, const void* data, uint32_t 
 const unsigned char* VeRequestGetPostArgData(ve_hrequest_t* request, uint32_t* size);
 
 /* ---- the connection's scratch buffer ----
-   At least 5120 bytes; cut back to 32767 when less is asked for. Null when there is no memory for what is asked
-   for. The pointer is valid until the next of these
-   three, the next VeClientGetErrorHtml with this connection, the next dispatch or the connection's end. */
+   At least 5120 bytes; cut back to 32767 when less is asked for. Null when there is no memory for what is
+   asked for. The pointer is valid until the next of these three, the next VeClientGetErrorHtml with this
+   connection, the next dispatch or the connection's end. */
 unsigned char* VeClientGetScratchBuffer(ve_hclient_t* connection, uint32_t size, uint32_t* bufferSize);
 uint32_t VeClientGetScratchDataSize(ve_hclient_t* connection);
 uint32_t VeClientSetScratchDataSize(ve_hclient_t* connection, uint32_t size); /* the resulting data size */

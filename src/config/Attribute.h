@@ -33,7 +33,8 @@ class Attribute {
 
     std::uint32_t getValueListElementCount() const;
 
-    // Copies element index (from 0) into out; false, and out as it was, when it cannot be read or has no room.
+    // Copies element index (from 0) into out; false, and out as it was, when it cannot be read or has no
+    // room.
     bool getValueListElement(std::uint32_t index, CText& out) const;
 
     // Replaces element index, or appends it, with as many colons before it as it takes. False, with nothing

@@ -33,8 +33,8 @@ class ConfigFile {
     // leaves the stanzas as they were; a syntax error, or a lack of memory, leaves those completed before it.
     // Pointers to stanzas taken before are invalid.
     bool parseConfigFile();
-    // As parseConfigFile(), but keeps only what is named so: the rest of the file is checked, not built. For a
-    // reader who needs one stanza of a large file. What lists or writes stanzas sees that one alone.
+    // As parseConfigFile(), but keeps only what is named so: the rest of the file is checked, not built. For
+    // a reader who needs one stanza of a large file. What lists or writes stanzas sees that one alone.
     bool parseStanza(const CText& name);
     ParseError lastParseError() const;        // why the last parse failed
     std::time_t getModificationDate() const;  // of the file on disk, seconds; 0 on failure
@@ -61,8 +61,8 @@ class ConfigFile {
 
     // ---- merging and writing ----
     // Takes over the stanzas that other lists in its directory: present ones are merged, new ones copied. The
-    // caller holds other's lock. False, with nothing changed, when either directory stanza is missing; also when
-    // memory runs out, and then something may be missing here.
+    // caller holds other's lock. False, with nothing changed, when either directory stanza is missing; also
+    // when memory runs out, and then something may be missing here.
     bool mergeConfigFiles(ConfigFile& other);
 
     // The next three hold one exclusive lock on the file from before it is read until it is written, and the

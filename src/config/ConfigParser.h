@@ -8,8 +8,8 @@
 #include "config/Stanza.h"
 
 // Where and why a parse stopped. A fault in the file's text has a line and a column, both from 1 (a column is
-// a byte); for a file that could not be read, or held in memory, both are 0, and systemError is the errno of what
-// failed, if it has one.
+// a byte); for a file that could not be read, or held in memory, both are 0, and systemError is the errno of
+// what failed, if it has one.
 struct ParseError {
     const char* reason = "";  // empty when nothing went wrong
     std::uint32_t line = 0;
@@ -51,7 +51,7 @@ class ConfigTokenizer {
     // longer. The text is valid until the next call; it is empty when there is no memory for it.
     std::size_t length() const { return static_cast<std::size_t>(textEnd_ - textBegin_); }
     const char* text();
-    bool isVerbatim() const;  // nothing to decode: the bytes are the text
+    bool isVerbatim() const;  // of a header or key: nothing to decode, the bytes are the text
 
     // Where the last token begins, counted from 1.
     void locate(std::uint32_t& line, std::uint32_t& column) const;
@@ -72,8 +72,8 @@ class ConfigTokenizer {
 };
 
 // Builds the stanzas of a file one after the other. Between two of them stands at least one empty or comment
-// line, and none stands inside. A name of more than 254 characters becomes empty, a key of more is an error; so is
-// a lack of memory: a stanza is handed out whole or not at all.
+// line, and none stands inside. A name of more than 254 characters becomes empty, a key of more is an error;
+// so is a lack of memory: a stanza is handed out whole or not at all.
 class ConfigParser {
   public:
     ConfigParser(const char* content, std::uint32_t size) : tokens_(content, size) {}

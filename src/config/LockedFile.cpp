@@ -50,8 +50,8 @@ bool writeAndSync(int fd, const void* bytes, std::uint32_t size) {
     return writeWhole(fd, bytes, size) && ::fsync(fd) == 0;
 }
 
-// Sees to it that the first size bytes can be written without running out of space; the file stays as long as it
-// is, whatever ends the process now. A file system that knows no reservation lets it pass.
+// Sees to it that the first size bytes can be written without running out of space; the file stays as long as
+// it is, whatever ends the process now. A file system that knows no reservation lets it pass.
 bool reserve(int fd, std::uint32_t size) {
     rlimit limit{};
     if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && size > limit.rlim_cur) {

@@ -39,8 +39,8 @@ class LockedFile {
 
     const struct stat& status() const { return status_; }  // taken when the lock was granted
 
-    // The first maxSize bytes of the file. Their number is not that of status() when a program that does not heed
-    // the lock has changed the size since: fewer, or more by one.
+    // The first maxSize bytes of the file. Their number is not that of status() when a program that does not
+    // heed the lock has changed the size since: fewer, or more by one.
     FileFault read(CData& out, std::uint32_t maxSize) const;
 
     // Makes the bytes the file's whole content; on any failure the file keeps its old content. REQUIRES

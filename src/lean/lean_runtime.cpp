@@ -38,8 +38,8 @@ void* allocateCleared(std::size_t size) {
 
 }  // namespace
 
-// Exceptions come from the heap alone: the runtime's own reserve for a full memory is 73 KB, had and touched before
-// main() begins.
+// Exceptions come from the heap alone: the runtime's own reserve for a full memory is 73 KB, had and touched
+// before main() begins.
 extern "C" {
 
 void* __cxa_allocate_exception(std::size_t size) noexcept;
@@ -64,8 +64,8 @@ void __cxa_free_dependent_exception(void* record) noexcept {
 }
 }
 
-// An exception that nobody catches ends the process without a word: standard error leads nowhere, and the words would
-// need a demangler as large as the rest of the gateway.
+// An exception that nobody catches ends the process without a word: standard error leads nowhere, and the
+// words would need a demangler as large as the rest of the gateway.
 namespace __gnu_cxx {
 void __verbose_terminate_handler();
 void __verbose_terminate_handler() {
@@ -73,8 +73,8 @@ void __verbose_terminate_handler() {
 }
 }  // namespace __gnu_cxx
 
-// The containers' only way to fail beyond lack of memory; the standard library's own would bring its strings and
-// locales.
+// The containers' only way to fail beyond lack of memory; the standard library's own would bring its strings
+// and locales.
 namespace std {
 [[noreturn]] void __throw_length_error(const char*);
 void __throw_length_error(const char*) {

@@ -10,8 +10,8 @@
 
 namespace {
 
-// Asks the kernel itself: the pages that answer in its place (the vDSO) cost a process that asks but a few times
-// several page faults.
+// Asks the kernel itself: the pages that answer in its place (the vDSO) cost a process that asks but a few
+// times several page faults.
 int readClock(clockid_t clock, timespec& now) {
 #ifdef __LP64__
     return static_cast<int>(syscall(SYS_clock_gettime, clock, &now));

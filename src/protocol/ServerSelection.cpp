@@ -74,7 +74,8 @@ void parse_zorbi_server_param(const char* entry, char* sid, char* host, char* po
 bool QuilClient::ConnectToQuilServer(TQuilRequest* request, Stanza* clientSection, const char* clientName,
                                      bool /*oneShotClient*/) {
     if (clientSection == nullptr) return false;
-    // With a text cut for want of memory the choice may have been another server, or the client's name another one.
+    // With a text cut for want of memory the choice may have been another server, or the client's name
+    // another one.
     const MemoryWatch memory;
     setClientName(clientName);
     return connectToChosenServer(request, *clientSection) && !memory.ranOut();

@@ -30,13 +30,14 @@ class SocCGIQuilClient : public QuilClient {
     using QuilClient::connectToServer;
 
   private:
-    // A refill of the stream asks for 4 KB. Once one was filled to the brim, a receive takes what has come, up
-    // to this, and serves the refills that follow too: a body piece of the usual size costs one system call.
+    // A refill of the stream asks for 4 KB. Once one was filled to the brim, a receive takes what has come,
+    // up to this, and serves the refills that follow too: a body piece of the usual size costs one system
+    // call.
     static constexpr std::uint32_t kReadAhead = 65536;
 
-    Socket socket_;
     std::uint32_t receive(void* dst, std::uint32_t len);
 
+    Socket socket_;
     CData ahead_;                      // empty until it is worth its memory
     std::uint32_t aheadPosition_ = 0;  // next byte to hand out
 };

@@ -123,8 +123,8 @@ bool Drip::readMark(const char* mark) {
 }
 
 // Reads size bytes into the block's buffer and leaves room for reserve bytes after them. A block that cannot
-// hold them fails before anything is read, as far as the size can be believed. A larger buffer stays as it is:
-// the next piece of a body will need it again.
+// hold them fails before anything is read, as far as the size can be believed. A larger buffer stays as it
+// is: the next piece of a body will need it again.
 bool Drip::readBlock(CData& block, std::uint32_t size, std::uint32_t reserve) {
     if (size > 0xFFFFFFFFu - reserve) return false;
     std::uint32_t done = 0;

@@ -1,5 +1,5 @@
-// CData: an owned, growable block of bytes; the base of the text string CText. MemoryWatch: whether all blocks
-// got the memory that they asked for.
+// CData: an owned, growable block of bytes; the base of the text string CText. MemoryWatch: whether all
+// blocks got the memory that they asked for.
 #pragma once
 
 #include <cstdint>
@@ -91,9 +91,9 @@ class CData {
     std::uint32_t ownBytesFrom(const void* p) const;
 };
 
-// Tells whether memory ran out for a block of this thread since the watch was made. For operations that put many
-// blocks together and must not pass off a maimed result as whole: one question at the end in place of one at every
-// step.
+// Tells whether memory ran out for a block of this thread since the watch was made. For operations that put
+// many blocks together and must not pass off a maimed result as whole: one question at the end in place of
+// one at every step.
 class MemoryWatch {
   public:
     MemoryWatch();

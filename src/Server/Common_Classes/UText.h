@@ -55,6 +55,7 @@ class CText : public CData {
     std::uint32_t SetEqualTo(const void* src, std::uint32_t len, std::uint32_t bufSize) override;
 
     // ---- appending ----
+    // What does not fit changes nothing; of characters appended to an empty text, what fits is stored.
     CText& operator+=(const CText& other);
     CText& operator+=(const char* s);
     CText& operator+=(char c);

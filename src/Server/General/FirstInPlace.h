@@ -4,8 +4,8 @@
 #include <atomic>
 #include <new>
 
-// Makes objects of T, of which one at a time lives in a place of its own, the others on the heap: a process that
-// serves one request is spared a mapping and its page faults. Threads: any.
+// Makes objects of T, of which one at a time lives in a place of its own, the others on the heap: a process
+// that serves one request is spared a mapping and its page faults. Threads: any.
 template <class T>
 class FirstInPlace {
   public:

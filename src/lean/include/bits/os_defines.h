@@ -1,5 +1,5 @@
-// What g++'s library headers ask of the C library, for musl: it stands before the file of that name that was made for the
-// system's own C library.
+// What g++'s library headers ask of the C library, for musl: it stands before the file of that name that was
+// made for the system's own C library.
 #ifndef _GLIBCXX_OS_DEFINES
 #define _GLIBCXX_OS_DEFINES 1
 
