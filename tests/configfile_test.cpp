@@ -278,7 +278,8 @@ TEST_F(ConfigWriteTest, FullDiskLeavesTheOldContent) {
     EXPECT_EQ(run(true, false), 1000 + SIGXFSZ);
     EXPECT_EQ(onDisk(), kOld);
     linkAs2();
-    EXPECT_TRUE(run(false, false) == 1 && run(true, false) == 1);  // in place: seen before anything is written
+    EXPECT_TRUE(run(false, false) == 1 &&
+                run(true, false) == 1);  // in place: seen before anything is written
     EXPECT_EQ(onDisk(), kOld);
 }
 
