@@ -147,4 +147,13 @@ TEST(ScratchBuffer, KeepsBetweenItsBoundsUnlessMoreIsAskedFor) {
     }
 }
 
+TEST(DispatchQuilRequests, BeginsWithoutTheTextOfABrokenOffOne) {
+    Client client;
+    client.expectMessages({wire::body("hello"), wire::end()});
+    client.refused = "4:hello";
+    EXPECT_FALSE(client.dispatch());
+    EXPECT_TRUE(client.dispatch());
+    EXPECT_EQ(client.seen, (Texts{"4:hello", "7:"}));
+}
+
 }  // namespace
