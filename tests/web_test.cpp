@@ -68,46 +68,18 @@ bool comesTrue(Condition condition) {
 struct WebServer {
     const char* name;
     std::vector<std::string> command;  // followed by the path of the configuration
-    const char* configuration;         // @BASE@ and @PORT@ are filled in, the example is appended
-    const char* example;
-    const char* ready;          // stands in the error log once the server listens
-    const char* harmless;       // stands in those lines of the error log that are no complaint
-    const char* nphStatusLine;  // of an "nph-" program: its own, or one made from it
+    const char* configuration;         // the file of this name in support/, and after it that in examples/
+    const char* ready;                 // stands in the error log once the server listens
+    const char* harmless;              // stands in those lines of the error log that are no complaint
+    const char* nphStatusLine;         // of an "nph-" program: its own, or one made from it
 };
 
-const WebServer kApache = {"Apache",
-                           {"/usr/sbin/apache2", "-DFOREGROUND", "-f"},
-                           R"(ServerRoot "@BASE@"
-ServerName 127.0.0.1
-Listen 127.0.0.1:@PORT@
-DefaultRuntimeDir "@BASE@/run"
-Mutex "file:@BASE@/run"
-PidFile "@BASE@/run/pid"
-ErrorLog "@BASE@/run/error.log"
-LogLevel warn
-LoadModule mpm_event_module /usr/lib/apache2/modules/mod_mpm_event.so
-LoadModule authz_core_module /usr/lib/apache2/modules/mod_authz_core.so
-LoadModule alias_module /usr/lib/apache2/modules/mod_alias.so
-LoadModule env_module /usr/lib/apache2/modules/mod_env.so
-LoadModule cgid_module /usr/lib/apache2/modules/mod_cgid.so
-ScriptSock "@BASE@/run/cgid"
-DocumentRoot "@BASE@/htdocs"
-SetEnv ASAN_OPTIONS "log_path=@BASE@/run/sanitizer"
-)",
-                           "apache.conf",
-                           "resuming normal operations",
-                           ":notice]",
-                           "HTTP/1.0 404 Not Found\r\n"};
+const WebServer kApache = {"Apache",      {"/usr/sbin/apache2", "-DFOREGROUND", "-f"},
+                           "apache.conf", "resuming normal operations",
+                           ":notice]",    "HTTP/1.0 404 Not Found\r\n"};
 
 const WebServer kLighttpd = {"Lighttpd",
                              {"/usr/sbin/lighttpd", "-D", "-f"},
-                             R"(server.bind = "127.0.0.1"
-server.port = @PORT@
-server.document-root = "@BASE@/run"
-server.upload-dirs = ("@BASE@/run")
-server.errorlog = "@BASE@/run/error.log"
-setenv.add-environment = ("ASAN_OPTIONS" => "log_path=@BASE@/run/sanitizer")
-)",
                              "lighttpd.conf",
                              "server started",
                              "server st",  // started, stopped
@@ -229,9 +201,10 @@ class Web : public testing::TestWithParam<WebServer> {
         port_ = std::to_string(port);
         const std::string log = base_ / "run/error.log";
         fs::remove(log);
-        const std::string example = readFile(std::string(VELARTO_EXAMPLES_PATH "/") + GetParam().example);
+        const std::string examples = VELARTO_EXAMPLES_PATH "/", name = GetParam().configuration;
         std::string configuration =
-            GetParam().configuration + replaceAll(example, "/usr/local/VelartoServer/5.5", "@BASE@");
+            readFile(examples + "../tests/support/" + name) +
+            replaceAll(readFile(examples + name), "/usr/local/VelartoServer/5.5", "@BASE@");
         configuration = replaceAll(configuration, "@BASE@", base_.path());
         configuration = replaceAll(configuration, "@PORT@", port_);
         writeFile(base_ / "web.conf", configuration);

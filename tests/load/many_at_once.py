@@ -22,22 +22,6 @@ import time
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 NOBODY = 65534
-APACHE = """ServerRoot "{base}"
-ServerName 127.0.0.1
-Listen 127.0.0.1:{port}
-DefaultRuntimeDir "{base}"
-Mutex "file:{base}"
-PidFile "{base}/pid"
-ErrorLog "{base}/error.log"
-LogLevel error
-LoadModule mpm_event_module /usr/lib/apache2/modules/mod_mpm_event.so
-LoadModule authz_core_module /usr/lib/apache2/modules/mod_authz_core.so
-LoadModule alias_module /usr/lib/apache2/modules/mod_alias.so
-LoadModule env_module /usr/lib/apache2/modules/mod_env.so
-LoadModule cgid_module /usr/lib/apache2/modules/mod_cgid.so
-ScriptSock "{base}/cgid"
-DocumentRoot "{base}/htdocs"
-"""
 
 
 def free_port():
@@ -127,14 +111,16 @@ def main():
     at_once = int(sys.argv[3]) if len(sys.argv) > 3 else 50
     base = pathlib.Path(tempfile.mkdtemp())
     servers = [ApplicationServer(str(build / "devserver/velarto-devserver"), name) for name in ("s001", "s002")]
-    for folder in ("configuration", "htdocs/cgi-bin"):
+    for folder in ("configuration", "htdocs/cgi-bin", "run"):
         (base / folder).mkdir(parents=True)
     shutil.copy(build / "velarto-cgi", base / "htdocs/cgi-bin/shop")
     (base / "configuration/clients.ini").write_text(
         "[Velarto Client Definitions]\nshop=\n\n[shop]\nVELARTO_SERVER=" + ":".join(s.entry for s in servers) + "\n")
     port = free_port()
-    example = (SOURCE / "examples/apache.conf").read_text().replace("/usr/local/VelartoServer/5.5", str(base))
-    (base / "web.conf").write_text(APACHE.format(base=base, port=port) + example)
+    configuration = "".join((SOURCE / folder / "apache.conf").read_text() for folder in ("tests/support", "examples"))
+    for place, value in (("/usr/local/VelartoServer/5.5", base), ("@BASE@", base), ("@PORT@", port)):
+        configuration = configuration.replace(place, str(value))
+    (base / "web.conf").write_text(configuration)
     as_user = {}
     if os.geteuid() == 0:
         as_user = {"user": NOBODY, "group": NOBODY, "extra_groups": []}
@@ -166,7 +152,7 @@ def main():
     apache.wait(20)
     for server in servers:
         server.stop()
-    complaints = "".join(line for line in (base / "error.log").open() if ":notice]" not in line)
+    complaints = "".join(line for line in (base / "run/error.log").open() if ":notice]" not in line)
     shutil.rmtree(base)
 
     print(f"{requests} requests, {at_once} at once, in {seconds:.0f} s; one server stopped {stops} times")
