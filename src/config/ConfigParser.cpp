@@ -96,7 +96,8 @@ const char* ConfigTokenizer::text() {
     if (text_.GetBufferSize() < needed && !text_.SetBufferSize(needed)) return "";
     auto* const text = reinterpret_cast<char*>(text_.GetBuffer());
     std::size_t size = 0;
-    for (const char* p = textBegin_; p != textEnd_ && size < maxLength_; ++p) {
+    const char* p = textBegin_;
+    for (; p != textEnd_ && size < maxLength_; ++p) {
         const bool isEscape = *p == '\\' && p + 1 != textEnd_;
         const char decoded = isEscape ? Stanza::GetBSEscValue(p[1]) : '\0';
         text[size++] = decoded != '\0' ? decoded : *p;
@@ -106,7 +107,12 @@ const char* ConfigTokenizer::text() {
         }
     }
     text[size] = '\0';
+    decodedEnd_ = p;
     return text;
+}
+
+bool ConfigTokenizer::isCut() const {
+    return decodedEnd_ != textEnd_ || find(textBegin_, textEnd_, '\0') != textEnd_;
 }
 
 bool ConfigTokenizer::isVerbatim() const {
@@ -149,11 +155,11 @@ const char* ConfigTokenizer::findKeyEnd() const {
 // ---- stanzas ----
 
 std::unique_ptr<Stanza> ConfigParser::nextStanza() {
-    return readHeader() ? readStanza() : nullptr;
+    return nextHeader() ? readStanza() : nullptr;
 }
 
 std::unique_ptr<Stanza> ConfigParser::findStanza(const CText& wanted) {
-    while (readHeader()) {
+    while (nextHeader()) {
         if (mayBe(wanted) && wanted == name()) return readStanza();
         if (!readBody(nullptr)) break;
     }
@@ -165,17 +171,16 @@ bool ConfigParser::mayBe(const CText& wanted) const {
     return tokens_.length() == wanted.Length() || tokens_.length() > kMaxNameLength || !tokens_.isVerbatim();
 }
 
-// Takes the next stanza's header; false at the end of the file and after an error.
-bool ConfigParser::readHeader() {
+bool ConfigParser::nextHeader() {
     ConfigTokenizer::Token token = tokens_.getToken(false);
     while (token == ConfigTokenizer::kEndOfLine)
         token = tokens_.getToken(false);
-    if (token == ConfigTokenizer::kStanzaHeader) return true;
+    inHeader_ = token == ConfigTokenizer::kStanzaHeader;
+    if (inHeader_) return true;
     if (token == ConfigTokenizer::kEndOfFile) return false;
     return fail("outside of a section: only comments, empty lines and [section] headers are allowed here");
 }
 
-// Of the header just taken.
 const char* ConfigParser::name() {
     const char* text = tokens_.text();
     return std::strlen(text) > kMaxNameLength ? "" : text;
@@ -189,34 +194,52 @@ std::unique_ptr<Stanza> ConfigParser::readStanza() {
 
 // What follows the name. Without a stanza to fill it is only checked.
 bool ConfigParser::readBody(Stanza* stanza) {
+    while (takeAttribute(stanza != nullptr)) {
+        if (stanza != nullptr) stanza->addValue(key(), value());
+    }
+    if (*error_.reason != '\0') return false;
+    return !memory_.ranOut() || failWithoutMemory();
+}
+
+bool ConfigParser::nextAttribute() {
+    return takeAttribute(true);
+}
+
+bool ConfigParser::endHeader() {
+    inHeader_ = false;
     ConfigTokenizer::Token token = tokens_.getToken(false);
     // Blanks alone are an empty key to the tokenizer.
     if (token == ConfigTokenizer::kKey && tokens_.length() == 0) token = tokens_.getToken(false);
-    if (token != ConfigTokenizer::kEndOfLine)
-        return fail("after a section header only blanks and a comment may stand on its line");
+    return token == ConfigTokenizer::kEndOfLine ||
+           fail("after a section header only blanks and a comment may stand on its line");
+}
 
-    for (CText key;;) {
-        if (stanza == nullptr) tokens_.skipPlainLines(kMaxNameLength);
-        switch (tokens_.getToken(false)) {
-            case ConfigTokenizer::kEndOfLine:
-            case ConfigTokenizer::kEndOfFile:
-                return !memory_.ranOut() || failWithoutMemory();
-            case ConfigTokenizer::kKey:
-                break;
-            case ConfigTokenizer::kStanzaHeader:
-                return fail("an empty line is missing before the section header");
-            default:
-                return fail("no key before the =");
-        }
-        if (tokens_.length() > kMaxNameLength && std::strlen(tokens_.text()) > kMaxNameLength)
-            return fail("the key is longer than 254 characters");
-        const bool isEmptyKey = tokens_.length() == 0;
-        if (stanza != nullptr) key = tokens_.text();
-        if (tokens_.getToken(false) != ConfigTokenizer::kEquals)
-            return fail(isEmptyKey ? "a line of blanks inside a section" : "no = after the key");
-        tokens_.getToken(true);
-        if (stanza != nullptr) stanza->addValue(key.GetTextEx(), tokens_.text());
+// One that is not wanted is passed over, with all that can be passed over at once.
+bool ConfigParser::takeAttribute(bool wanted) {
+    if (inHeader_ && !endHeader()) return false;
+    if (!wanted) tokens_.skipPlainLines(kMaxNameLength);
+    switch (tokens_.getToken(false)) {
+        case ConfigTokenizer::kEndOfLine:
+        case ConfigTokenizer::kEndOfFile:
+            return false;
+        case ConfigTokenizer::kKey:
+            break;
+        case ConfigTokenizer::kStanzaHeader:
+            return fail("an empty line is missing before the section header");
+        default:
+            return fail("no key before the =");
     }
+    if (tokens_.length() > kMaxNameLength && std::strlen(tokens_.text()) > kMaxNameLength)
+        return fail("the key is longer than 254 characters");
+    const bool isEmptyKey = tokens_.length() == 0;
+    if (wanted) {
+        key_ = tokens_.text();
+        keyOffset_ = tokens_.offset();
+    }
+    if (tokens_.getToken(false) != ConfigTokenizer::kEquals)
+        return fail(isEmptyKey ? "a line of blanks inside a section" : "no = after the key");
+    tokens_.getToken(true);
+    return true;
 }
 
 bool ConfigParser::fail(const char* reason) {

@@ -51,7 +51,9 @@ class ConfigTokenizer {
     // longer. The text is valid until the next call; it is empty when there is no memory for it.
     std::size_t length() const { return static_cast<std::size_t>(textEnd_ - textBegin_); }
     const char* text();
+    bool isCut() const;       // after text(): it lacks some of them, for being too long or for a NUL
     bool isVerbatim() const;  // of a header or key: nothing to decode, the bytes are the text
+    std::uint32_t offset() const { return static_cast<std::uint32_t>(textBegin_ - content_); }  // of the bytes
 
     // Where the last token begins, counted from 1.
     void locate(std::uint32_t& line, std::uint32_t& column) const;
@@ -68,6 +70,7 @@ class ConfigTokenizer {
     const char* textBegin_ = nullptr;
     const char* textEnd_ = nullptr;
     std::size_t maxLength_ = 0;
+    const char* decodedEnd_ = nullptr;  // of the bytes that text() took
     CData text_;
 };
 
@@ -84,20 +87,39 @@ class ConfigParser {
     // The next stanza of that name; the others on the way are checked, not built.
     std::unique_ptr<Stanza> findStanza(const CText& name);
 
+    // ---- the same step by step, for a caller who wants to know where things stand ----
+    bool nextHeader();     // to the next stanza; false at the end of the file and after an error
+    bool nextAttribute();  // to its next attribute; false at the stanza's end and after an error
+
+    // Of the header taken last, while no attribute of it was; of the attribute taken last. The texts are valid
+    // until the next step, and so is that of value() until its next call.
+    const char* name();
+    const char* key() const { return key_.GetTextEx(); }
+    const char* value() { return tokens_.text(); }
+    bool isCut() const { return tokens_.isCut(); }  // after name() or value()
+
+    // A name's or a value's bytes in the file, and where a key begins; offsets from the first byte.
+    std::uint32_t offset() const { return tokens_.offset(); }
+    std::size_t length() const { return tokens_.length(); }
+    std::uint32_t keyOffset() const { return keyOffset_; }
+
     const ParseError& error() const { return error_; }
 
   private:
     static constexpr std::uint32_t kMaxNameLength = 254;
 
-    bool readHeader();
-    const char* name();
     bool mayBe(const CText& wanted) const;
     std::unique_ptr<Stanza> readStanza();
     bool readBody(Stanza* stanza);
+    bool endHeader();
+    bool takeAttribute(bool wanted);
     bool fail(const char* reason);
     bool failWithoutMemory();
 
     const MemoryWatch memory_;
     ConfigTokenizer tokens_;
+    bool inHeader_ = false;  // its line was not ended yet
+    CText key_;
+    std::uint32_t keyOffset_ = 0;
     ParseError error_;
 };
