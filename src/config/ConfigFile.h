@@ -12,6 +12,9 @@
 
 class LockedFile;
 
+// The rule by which the configuration directory was found.
+enum class ConfigPathRule { kVariable, kProfile, kDefault };
+
 // Holds the stanzas of a file in file order and owns them. One of them, the directory stanza, lists stanzas
 // by name: its keys; counting and walking run over it. Names compare without regard to case, look-ups find
 // the first.
@@ -83,9 +86,10 @@ class ConfigFile {
 
     // ---- where the file lies ----
     // The configuration directory, ending in "/": from VELARTO_PATH, else the velarto user's shell profile,
-    // else the default. False when it does not fit into size bytes or into memory.
-    static bool getPlatformConfigPath(char* buffer, int size);
-    static bool buildConfigPath(const char* fileName, CText& path);
+    // else the default; rule, unless null, tells which. False when it does not fit into size bytes or into
+    // memory.
+    static bool getPlatformConfigPath(char* buffer, int size, ConfigPathRule* rule = nullptr);
+    static bool buildConfigPath(const char* fileName, CText& path, ConfigPathRule* rule = nullptr);
 
   private:
     static constexpr std::uint32_t kMaxFileSize = 131072;

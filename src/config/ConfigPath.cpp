@@ -56,9 +56,11 @@ CText baseFromProfile(std::FILE* profile) {
 }
 
 // The base that somebody set; empty when nobody did.
-CText configuredBase() {
+CText configuredBase(ConfigPathRule& rule) {
+    rule = ConfigPathRule::kVariable;
     const CText base(std::getenv(kVariable));
     if (!base.IsEmpty()) return base;
+    rule = ConfigPathRule::kProfile;
     const CText home = homeOfVelartoUser();
     if (home.IsEmpty()) return CText();
     const File profile = openProfile(home);
@@ -67,11 +69,13 @@ CText configuredBase() {
 
 }  // namespace
 
-bool ConfigFile::getPlatformConfigPath(char* buffer, int size) {
+bool ConfigFile::getPlatformConfigPath(char* buffer, int size, ConfigPathRule* rule) {
     const MemoryWatch memory;  // a base that is lost must not lead to the default's files
-    CText path = configuredBase();
+    ConfigPathRule found;
+    CText path = configuredBase(found);
     std::uint32_t spare = 1;  // for the terminator
     if (path.IsEmpty()) {
+        found = ConfigPathRule::kDefault;
         path = kDefaultBase;
     } else {
         if (path[path.Length() - 1] == '/') path.SetUsableDataSize(path.Length() - 1);
@@ -80,13 +84,14 @@ bool ConfigFile::getPlatformConfigPath(char* buffer, int size) {
     path += kFolder;
     if (memory.ranOut() || size < 0 || path.Length() + spare > static_cast<std::uint32_t>(size)) return false;
     std::memcpy(buffer, path.GetTextEx(), path.GetDataSize());
+    if (rule != nullptr) *rule = found;
     return true;
 }
 
-bool ConfigFile::buildConfigPath(const char* fileName, CText& path) {
+bool ConfigFile::buildConfigPath(const char* fileName, CText& path, ConfigPathRule* rule) {
     constexpr int kMaxPath = 255;
     char folder[kMaxPath];
-    if (!getPlatformConfigPath(folder, kMaxPath)) return false;
+    if (!getPlatformConfigPath(folder, kMaxPath, rule)) return false;
     const MemoryWatch memory;
     path = folder;
     path += fileName;
