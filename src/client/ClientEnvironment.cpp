@@ -21,8 +21,6 @@ std::uint32_t ClientRrWrTimeout = 0;
 
 namespace {
 
-constexpr char kDefaultIniFile[] = "clients.ini";
-constexpr char kDirectoryStanza[] = "Velarto Client Definitions";
 constexpr std::uint32_t kReloadInterval = 5000;     // milliseconds
 constexpr std::uint32_t kThreadEndTimeout = 10000;  // milliseconds
 

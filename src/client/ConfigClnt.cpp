@@ -48,11 +48,12 @@ bool isHostColonPort(const char* piece, const char* end) {
     return true;
 }
 
-// A list written host:port,host:port is understood for this run: ":" and "," change places, in memory only.
-void acceptColonInsideEntries(Stanza& stanza, CText& list) {
+// A list written host:port,host:port is understood for this run: ":" and "," change places. False, and the
+// list as it was, when it is not written so.
+bool acceptColonInsideEntries(CText& list) {
     for (const char* piece = list.GetTextEx();; ++piece) {
         const char* end = piece + std::strcspn(piece, ",");
-        if (!isHostColonPort(piece, end)) return;
+        if (!isHostColonPort(piece, end)) return false;
         piece = end;
         if (*piece == 0) break;
     }
@@ -64,7 +65,7 @@ void acceptColonInsideEntries(Stanza& stanza, CText& list) {
             c = ':';
         }
     }
-    stanza.changeValue(kServerKey, list.GetTextEx());
+    return true;
 }
 
 // Puts into the client's section, in memory and in the file, what it lacks: a new client's section itself, or
@@ -111,8 +112,15 @@ ClientConfigResult ProcessClientConfig(ConfigFile* file, const CText& clientName
         const ClientConfigResult result = completeSection(*file, clientName, stanza, servers);
         if (result != CLIENT_CONFIG_OK) return result;
     }
-    acceptColonInsideEntries(*stanza, servers);
+    if (acceptColonInsideEntries(servers)) stanza->changeValue(kServerKey, servers.GetTextEx());
     return CLIENT_CONFIG_OK;
+}
+
+CText& ServerListOf(Stanza& stanza, CText& list) {
+    stanza.getValue(kServerKey, list);
+    if (list.IsEmpty()) serverListFromHostAndPorts(stanza, list);
+    acceptColonInsideEntries(list);
+    return list;
 }
 
 bool IsTrueValue(Stanza& stanza, const char* key) {

@@ -11,10 +11,17 @@ enum ClientConfigResult {
     CLIENT_CONFIG_NO_SERVER_LIST = 5
 };
 
+constexpr char kDefaultIniFile[] = "clients.ini";
+constexpr char kDirectoryStanza[] = "Velarto Client Definitions";  // lists the clients' sections
+
 // Parses the file and finds the client's section, which the file keeps owning. A missing section is added
 // with a server on this machine, and one of the older form (VELARTO_HOST, VELARTO_PORT) gets its server list;
 // both are written back.
 ClientConfigResult ProcessClientConfig(ConfigFile* file, const CText& clientName, Stanza*& stanza);
+
+// The server list that the section means, whatever form it is written in; the section stays as it is. Empty
+// when it has none. Returns list.
+CText& ServerListOf(Stanza& stanza, CText& list);
 
 // A truth value: true when the section has the key and its value begins with one of "YyTt1".
 bool IsTrueValue(Stanza& stanza, const char* key);
