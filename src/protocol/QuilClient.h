@@ -18,6 +18,9 @@
 // Anything else, a field of more than 31 characters included, leaves all three empty.
 void parse_zorbi_server_param(const char* entry, char* sid, char* host, char* port);
 
+// Which way the server tried last was chosen.
+enum class ServerChoice { kNone, kOnly, kForced, kUsers, kRandom };
+
 // One request a client: connect, send, dispatch, in this order. Operations report failure by a false result;
 // afterwards the connection is of no use. Threads: one at a time. ConnectToQuilServer reads the client's
 // configuration section: whoever may replace it holds it still meanwhile.
@@ -85,6 +88,7 @@ class QuilClient : public DripClient {
     // The scratch buffer, at least 5120 bytes, cut back to 32767 unless more is asked for.
     CData& GetScratchBuffer(std::uint32_t size);
 
+    ServerChoice choice() const { return choice_; }
     const CText& serverEntry() const { return serverEntry_; }  // the whole list, or the element taken up last
     const char* sid() const { return sid_; }
     const char* serverIP() const { return serverIP_; }
@@ -115,6 +119,7 @@ class QuilClient : public DripClient {
     char serverPort_[kFieldSize] = {};
     char userRef_[128] = {};
     bool addRouteCookie_ = false;
+    ServerChoice choice_ = ServerChoice::kNone;
     std::uint32_t connectedAddress_ = 0;  // host byte order
     std::uint16_t connectedPort_ = 0;
 };

@@ -86,6 +86,7 @@ bool QuilClient::connectToChosenServer(const TQuilRequest* request, Stanza& clie
     clientSection.getAttribute("VELARTO_SERVER", servers);
     servers.getValue(serverEntry_);
     const std::uint32_t n = servers.getValueListElementCount();
+    choice_ = ServerChoice::kOnly;
     if (request == nullptr || n == 1) return connectToServer(serverEntry_.GetTextEx());
 
     addRouteCookie_ = true;
@@ -103,6 +104,7 @@ bool QuilClient::connectToChosenServer(const TQuilRequest* request, Stanza& clie
 // The element of the forced SID, or the last one when none has it. There is no second try: whoever forces a
 // server wants that one.
 bool QuilClient::connectToForcedServer(const Attribute& servers, std::uint32_t n) {
+    choice_ = ServerChoice::kForced;
     addRouteCookie_ = false;
     ServerFields fields("");
     for (std::uint32_t i = 0; i < n; ++i) {
@@ -121,6 +123,7 @@ bool QuilClient::connectToUsersServer(const TQuilRequest* request, const Attribu
     if (!bySid && (refIp.IsEmpty() || refPort.IsEmpty())) return false;
     CText key;
     key.Format("%s,%s", refIp.GetTextEx(), refPort.GetTextEx());
+    choice_ = ServerChoice::kUsers;
 
     CText element;
     for (std::uint32_t i = 0; i < n; ++i) {
@@ -144,6 +147,7 @@ bool QuilClient::connectToUsersServer(const TQuilRequest* request, const Attribu
 bool QuilClient::connectToRandomServer(const Attribute& servers, std::uint32_t n, std::uint32_t lastFailed) {
     const std::unique_ptr<bool[]> tried(new (std::nothrow) bool[n]());
     if (tried == nullptr) return false;
+    choice_ = ServerChoice::kRandom;
     srandom(static_cast<unsigned>(std::time(nullptr)));
     for (std::uint32_t turn = 0; turn < n; ++turn) {
         auto r = static_cast<std::uint32_t>(static_cast<unsigned long>(random()) % n);
