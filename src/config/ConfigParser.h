@@ -53,8 +53,9 @@ class ConfigTokenizer {
     const char* text();
     bool isCut() const;       // after text(): it lacks some of them, for being too long or for a NUL
     bool isVerbatim() const;  // of a header or key: nothing to decode, the bytes are the text
-    std::uint32_t offset() const { return static_cast<std::uint32_t>(textBegin_ - content_); }  // of the bytes
 
+    // Where the bytes stand in the content.
+    std::uint32_t offset() const { return static_cast<std::uint32_t>(textBegin_ - content_); }
     // Where the last token begins, counted from 1.
     void locate(std::uint32_t& line, std::uint32_t& column) const;
 
