@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "Text.h"
+#include "common/Text.h"
 #include "protocol/QuilRequest.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "Text.h"
+#include "common/Text.h"
 
 namespace {
 

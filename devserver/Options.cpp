@@ -7,7 +7,7 @@
 
 #include "Misbehave.h"
 #include "Pages.h"
-#include "Text.h"
+#include "common/Text.h"
 
 namespace {
 

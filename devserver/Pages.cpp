@@ -11,7 +11,7 @@
 
 #include "Html.h"
 #include "Misbehave.h"
-#include "Text.h"
+#include "common/Text.h"
 #include "protocol/QuilRequest.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include "Conversation.h"
 #include "Log.h"
 #include "Pages.h"
-#include "Text.h"
+#include "common/Text.h"
 
 namespace {
 

@@ -1,0 +1,22 @@
+// The configuration file that a command works on.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "Command.h"
+#include "config/ConfigFile.h"
+
+struct Location {
+    std::string path;
+    std::string rule;  // by which it was found, for people
+};
+
+// --file, else where the gateway looks.
+Location locate(const Request& request);
+
+// The file, parsed. Failure: it cannot be read or the gateway would refuse it; the text tells where and why.
+std::unique_ptr<ConfigFile> load(const std::string& path);
+
+// The client's section, owned by the file. Failure: there is none; the text names those there are.
+Stanza& sectionOf(ConfigFile& file, const std::string& client);

@@ -1,0 +1,44 @@
+// velarto-config: the administrator's program: tells what the gateway makes of its configuration, and changes it.
+#include <csignal>
+#include <iostream>
+
+#include "Command.h"
+
+namespace {
+
+int runCommand(const Request& request) {
+    try {
+        const int status = request.command();
+        if (!std::cout.flush()) throw Failure("the output cannot be written");
+        return status;
+    } catch (const std::exception& error) {
+        std::cerr << "velarto-config: " << error.what() << '\n';
+        return kUnusable;
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN);  // a reader who has gone is an error like a full disk
+    Request request;
+    CLI::App app("Checks, shows and changes the gateway's configuration, and tries the servers in it.",
+                 "velarto-config");
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.add_option("--file", request.file,
+                   "the configuration file; by default the one that the gateway reads")
+        ->type_name("PATH");
+    app.add_flag("--json", request.json, "print JSON");
+    app.footer(
+        "Exit status: 0 when all is well, 1 when something was found wrong, 2 for a wrong command line or a "
+        "file\n"
+        "that cannot be used.");
+    addPath(app, request);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? kFine : kUnusable;
+    }
+    return runCommand(request);
+}
