@@ -27,6 +27,10 @@ struct Request {
 
 // Each adds its command to the command line; the command keeps a reference to the request.
 void addPath(CLI::App& app, Request& request);
+void addCheck(CLI::App& app, Request& request);
+void addList(CLI::App& app, Request& request);
+void addShow(CLI::App& app, Request& request);
+void addEdit(CLI::App& app, Request& request);  // set, unset, add, remove
 
 // Prints a JSON document; bytes that are no UTF-8 become replacement characters.
 void print(const Json& document);

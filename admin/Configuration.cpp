@@ -1,8 +1,12 @@
 #include "Configuration.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstring>
 
 #include "client/ConfigClnt.h"
+#include "config/LockedFile.h"
 
 namespace {
 
@@ -25,6 +29,13 @@ std::string namesOfSections(ConfigFile& file) {
     return names.empty() ? "none" : names;
 }
 
+// Only a regular file: opening a pipe would wait for somebody to write into it.
+void requireRegularFile(const std::string& path) {
+    struct stat status = {};
+    if (::stat(path.c_str(), &status) != 0) throw Failure(shown(path) + ": " + std::strerror(errno));
+    if (!S_ISREG(status.st_mode)) throw Failure(shown(path) + ": is not a regular file");
+}
+
 }  // namespace
 
 Location locate(const Request& request) {
@@ -36,7 +47,24 @@ Location locate(const Request& request) {
     return {path.GetTextEx(), ruleText(rule)};
 }
 
+std::string contentOf(const std::string& path) {
+    requireRegularFile(path);
+    const CText name(path.c_str());
+    LockedFile file(name);
+    CData content;
+    FileFault fault = file.open(LockedFile::kRead);
+    if (fault == FileFault::kNone) fault = file.read(content, ConfigFile::kMaxFileSize + 1);
+    if (fault != FileFault::kNone)
+        throw Failure(shown(path) + ": " + fileFaultText(fault) + ": " + std::strerror(errno));
+    if (content.GetDataSize() == 0) throw Failure(shown(path) + ": the file is empty");
+    if (content.GetDataSize() > ConfigFile::kMaxFileSize)
+        throw Failure(shown(path) + ": the file is larger than " + std::to_string(ConfigFile::kMaxFileSize) +
+                      " bytes, which the gateway refuses");
+    return {reinterpret_cast<const char*>(content.GetBuffer()), content.GetDataSize()};
+}
+
 std::unique_ptr<ConfigFile> load(const std::string& path) {
+    requireRegularFile(path);
     auto file = std::make_unique<ConfigFile>(path.c_str(), kDirectoryStanza);
     if (file->parseConfigFile()) return file;
     const ParseError error = file->lastParseError();
@@ -49,7 +77,15 @@ std::unique_ptr<ConfigFile> load(const std::string& path) {
 
 Stanza& sectionOf(ConfigFile& file, const std::string& client) {
     Stanza* section = file.getStanza(client.c_str());
-    if (section == nullptr)
+    if (section == nullptr || sameName(client, kDirectoryStanza))
         throw Failure("no client '" + shown(client) + "'; there are: " + namesOfSections(file));
     return *section;
+}
+
+std::string serverListOf(const OutlineSection& section) {
+    Stanza stanza(section.name.text.c_str());
+    for (const OutlineAttribute& attribute : section.attributes)
+        stanza.addValue(attribute.key.text.c_str(), attribute.value.text.c_str());
+    CText list;
+    return ServerListOf(stanza, list).GetTextEx();
 }

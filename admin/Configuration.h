@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Command.h"
+#include "Outline.h"
 #include "config/ConfigFile.h"
 
 struct Location {
@@ -15,8 +16,14 @@ struct Location {
 // --file, else where the gateway looks.
 Location locate(const Request& request);
 
+// The file's bytes. Failure: it cannot be read, or has a size that the gateway refuses.
+std::string contentOf(const std::string& path);
+
 // The file, parsed. Failure: it cannot be read or the gateway would refuse it; the text tells where and why.
 std::unique_ptr<ConfigFile> load(const std::string& path);
 
 // The client's section, owned by the file. Failure: there is none; the text names those there are.
 Stanza& sectionOf(ConfigFile& file, const std::string& client);
+
+// The servers that the section means, in the form of VELARTO_SERVER; empty when there are none.
+std::string serverListOf(const OutlineSection& section);

@@ -6,9 +6,6 @@
 
 namespace {
 
-constexpr char kServerKey[] = "VELARTO_SERVER";
-constexpr char kDefaultServer[] = "127.0.0.1,18155";
-
 // Null when there is no memory for it.
 Stanza* addClientStanza(ConfigFile& file, const CText& clientName) {
     auto* stanza = new (std::nothrow) Stanza(clientName.GetTextEx());

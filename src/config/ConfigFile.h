@@ -27,12 +27,14 @@ enum class ConfigPathRule { kVariable, kProfile, kDefault };
 // ERROR, category CONFIG).
 class ConfigFile {
   public:
+    static constexpr std::uint32_t kMaxFileSize = 131072;  // bytes
+
     ConfigFile(const char* path, const char* directoryName);  // null path: both names stay empty
     ConfigFile(const ConfigFile&) = delete;
     ConfigFile& operator=(const ConfigFile&) = delete;
     virtual ~ConfigFile();
 
-    // Replaces the stanzas by those of the file (1 to 131072 bytes). A failure before the content is read
+    // Replaces the stanzas by those of the file (1 to kMaxFileSize bytes). A failure before the content is read
     // leaves the stanzas as they were; a syntax error, or a lack of memory, leaves those completed before it.
     // Pointers to stanzas taken before are invalid.
     bool parseConfigFile();
@@ -92,8 +94,6 @@ class ConfigFile {
     static bool buildConfigPath(const char* fileName, CText& path, ConfigPathRule* rule = nullptr);
 
   private:
-    static constexpr std::uint32_t kMaxFileSize = 131072;
-
     Stanza* pGetStanza(const CText& name);
     Stanza* pGetDirectory() { return pGetStanza(directoryName_); }
     Stanza* pGetStanzaAtIndex(std::uint32_t i);

@@ -1,0 +1,192 @@
+// velarto-config set, unset, add, remove: changes of one section, through the library's locked write-back.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <set>
+
+#include "Command.h"
+#include "Configuration.h"
+#include "Findings.h"
+#include "client/ConfigClnt.h"
+
+namespace {
+
+struct Change {
+    std::string client;
+    std::string key;
+    std::string value;
+    bool force = false;
+};
+
+// The section as it stands in a file.
+Outline outlineOf(Stanza& section) {
+    char* bytes = nullptr;
+    std::size_t size = 0;
+    std::FILE* stream = ::open_memstream(&bytes, &size);
+    if (stream == nullptr) throw std::bad_alloc();
+    const bool isWhole = section.saveStanza(stream);
+    std::fclose(stream);
+    const std::unique_ptr<char, decltype(&std::free)> owner(bytes, std::free);
+    if (!isWhole) throw std::bad_alloc();
+    return Outline(std::string(bytes, size));
+}
+
+// What must not be lost or come into the file unawares; --force writes all the same.
+void examine(const std::string& path, const Outline& before, const Outline& after) {
+    const auto comments = Outline(contentOf(path)).linesWithComments();
+    if (!comments.empty())
+        throw Failure(shown(path) + ":" + std::to_string(comments.front()) +
+                      ": the file is written anew, without its " +
+                      (comments.size() == 1 ? "comment" : std::to_string(comments.size()) + " comments") +
+                      "; --force writes it");
+    std::set<std::string> known;
+    for (const Finding& finding : findingsIn(before))
+        known.insert(finding.message);
+    for (const Finding& finding : findingsIn(after)) {
+        if (known.count(finding.message) == 0)
+            throw Failure(finding.message + "; " + finding.remedy + "; --force writes it all the same");
+    }
+}
+
+// The syntax cannot carry every name, key and value: whether the section, with that key, would be read as it
+// is here.
+bool readsBack(Stanza& section, const std::string& key) {
+    const Outline outline = outlineOf(section);
+    if (!outline.errors().empty() || outline.sections().size() != 1) return false;
+    const OutlineSection& read = outline.sections()[0];
+    const OutlineAttribute* attribute = read.find(key);
+    CText value;
+    section.getValue(key.c_str(), value);
+    return read.name.text == section.getStanzaName().GetTextEx() && attribute != nullptr &&
+           sameName(attribute->key.text, key) && attribute->value.text == value.GetTextEx();
+}
+
+void requireValue(Stanza& section, const std::string& key) {
+    if (!readsBack(section, key))
+        throw Failure(
+            "the file cannot hold that value of '" + shown(key) +
+            "': a key is not empty, begins with no blank, holds no = ; or [ and at most 254 characters, "
+            "a value at most 4095");
+}
+
+void requireName(const std::string& client) {
+    Stanza section(client.c_str());
+    Stanza directory(kDirectoryStanza);
+    section.addValue(kServerKey, kDefaultServer);
+    directory.addValue(client.c_str(), "");
+    if (!readsBack(section, kServerKey) || !readsBack(directory, client))
+        throw Failure(
+            "no client can be called '" + shown(client) +
+            "': a name is not empty, begins with no blank, holds no = ; [ or ] and at most 254 characters");
+}
+
+[[noreturn]] void failToWrite(const std::string& path, int cause) {
+    throw Failure(shown(path) + ": cannot be written" +
+                  (cause != 0 ? std::string(": ") + std::strerror(cause) : ""));
+}
+
+// Calls what writes the file.
+template <typename Write>
+int written(const Request& request, const std::string& path, const std::string& client, Write write) {
+    errno = 0;
+    if (!write()) failToWrite(path, errno);
+    if (request.json) {
+        print({{"path", path}, {"client", client}, {"written", true}});
+    } else {
+        std::cout << shown(path) << ": written\n";
+    }
+    return kFine;
+}
+
+// ---- the commands ----
+
+int set(const Request& request, const Change& change) {
+    const std::string path = locate(request).path;
+    const auto file = load(path);
+    Stanza& section = sectionOf(*file, change.client);
+    const Outline before = outlineOf(section);
+    section.changeValue(change.key.c_str(), change.value.c_str());
+    requireValue(section, change.key);
+    if (!change.force) examine(path, before, outlineOf(section));
+    return written(request, path, change.client,
+                   [&] { return file->changeStanzaWithWrite(change.client.c_str()); });
+}
+
+int unset(const Request& request, const Change& change) {
+    const std::string path = locate(request).path;
+    const auto file = load(path);
+    Stanza& section = sectionOf(*file, change.client);
+    const Outline before = outlineOf(section);
+    if (!section.removeKey(change.key.c_str()))
+        throw Failure("client '" + shown(change.client) + "' has no '" + shown(change.key) + "'");
+    while (section.removeKey(change.key.c_str())) {  // those that the first one hid
+    }
+    if (!change.force) examine(path, before, outlineOf(section));
+    return written(request, path, change.client,
+                   [&] { return file->changeStanzaWithWrite(change.client.c_str()); });
+}
+
+// add and remove know nothing of the other sections, so that what others change meanwhile stays.
+
+int add(const Request& request, const Change& change) {
+    const std::string path = locate(request).path;
+    if (load(path)->findStanza(change.client.c_str()))
+        throw Failure("client '" + shown(change.client) + "' is there already");
+    auto section = std::make_unique<Stanza>(change.client.c_str());
+    section->addValue(change.key.c_str(), change.value.c_str());
+    requireName(change.client);
+    requireValue(*section, change.key);
+    if (!change.force) examine(path, Outline(""), outlineOf(*section));
+    ConfigFile file(path.c_str(), kDirectoryStanza);
+    file.createDirectoryStanza();
+    file.addStanza(section.release(), true);
+    return written(request, path, change.client,
+                   [&] { return file.changeStanzaWithWrite(change.client.c_str()); });
+}
+
+int remove(const Request& request, const Change& change) {
+    const std::string path = locate(request).path;
+    sectionOf(*load(path), change.client);
+    if (!change.force) examine(path, Outline(""), Outline(""));
+    ConfigFile file(path.c_str(), kDirectoryStanza);
+    file.createDirectoryStanza();
+    return written(request, path, change.client,
+                   [&] { return file.removeStanzaWithWrite(change.client.c_str()); });
+}
+
+using Editor = int (*)(const Request&, const Change&);
+
+CLI::App* addEditor(CLI::App& app, Request& request, const char* name, const char* purpose, Editor edit,
+                    const std::shared_ptr<Change>& change) {
+    CLI::App* command = app.add_subcommand(name, purpose);
+    command->add_option("CLIENT", change->client, "the client")->required();
+    command->add_flag("--force", change->force, "even when comments are lost, or check would complain");
+    command->callback([&request, edit, change] {
+        request.command = [&request, edit, change] { return edit(request, *change); };
+    });
+    return command;
+}
+
+}  // namespace
+
+void addEdit(CLI::App& app, Request& request) {
+    auto change = std::make_shared<Change>();
+    CLI::App* command = addEditor(app, request, "set", "Set a value", set, change);
+    command->add_option("KEY", change->key, "the key")->required();
+    command->add_option("VALUE", change->value, "its value; may be empty")->required();
+
+    change = std::make_shared<Change>();
+    command = addEditor(app, request, "unset", "Remove a value", unset, change);
+    command->add_option("KEY", change->key, "the key")->required();
+
+    change = std::make_shared<Change>();
+    change->key = kServerKey;
+    change->value = kDefaultServer;
+    command = addEditor(app, request, "add", "Add a client", add, change);
+    command->add_option("--server", change->value, "its servers")->type_name("LIST")->capture_default_str();
+
+    addEditor(app, request, "remove", "Remove a client", remove, std::make_shared<Change>());
+}

@@ -1,0 +1,300 @@
+#include "Findings.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+
+#include "Command.h"
+#include "Configuration.h"
+#include "Keys.h"
+#include "ServerEntry.h"
+#include "client/ConfigClnt.h"
+
+namespace {
+
+bool beginsWithOneOf(const std::string& text, const char* characters) {
+    return !text.empty() && std::strchr(characters, text[0]) != nullptr;
+}
+
+bool isOneOf(const std::string& text, std::initializer_list<const char*> words) {
+    return std::any_of(words.begin(), words.end(),
+                       [&text](const char* word) { return sameName(text, word); });
+}
+
+bool isNumber(const std::string& text) {
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+std::string quoted(const std::string& text) {
+    return "'" + shown(text) + "'";
+}
+
+std::string onLine(const PlacedText& text) {
+    return "on line " + std::to_string(text.place.line);
+}
+
+// Character i of the text, as near as can be told.
+Place placeIn(const PlacedText& text, std::size_t i) {
+    Place place = text.place;
+    if (text.isVerbatim) place.column += static_cast<std::uint32_t>(i);
+    return place;
+}
+
+// One look over an outline; each function below is about one kind of thing in it.
+class Inspection {
+  public:
+    explicit Inspection(const Outline& outline)
+        : outline_(outline), directory_(outline.find(kDirectoryStanza)) {}
+
+    std::vector<Finding> run() {
+        for (const SyntaxError& error : outline_.errors())
+            inspectError(error);
+        inspectDirectory();
+        for (const OutlineSection& section : outline_.sections()) {
+            inspectName(section);
+            if (&section != directory_) inspectClient(section);
+        }
+        std::stable_sort(findings_.begin(), findings_.end(), [](const Finding& a, const Finding& b) {
+            return std::pair(a.place.line, a.place.column) < std::pair(b.place.line, b.place.column);
+        });
+        return std::move(findings_);
+    }
+
+  private:
+    void error(Place place, std::string message, std::string remedy) {
+        findings_.push_back({true, place, std::move(message), std::move(remedy)});
+    }
+    void warn(Place place, std::string message, std::string remedy) {
+        findings_.push_back({false, place, std::move(message), std::move(remedy)});
+    }
+
+    // ---- the syntax ----
+
+    void inspectError(const SyntaxError& found) { error(found.place, found.reason, remedyFor(found)); }
+
+    std::string remedyFor(const SyntaxError& found) const {
+        const std::string_view line = outline_.line(found.place.line);
+        const std::string_view rest = line.substr(std::min<std::size_t>(found.place.column - 1, line.size()));
+        const std::string_view start = line.substr(std::min(line.find_first_not_of(" \t"), line.size()));
+        if (!line.empty() && line.back() == '\r')
+            return "end the lines with a line feed alone; sed -i 's/\\r$//' does that for the whole file";
+        if (start.substr(0, 1) == "#" || start.substr(0, 2) == "//") return "begin a comment with ;";
+        if (start.empty()) return "leave no blanks on an empty line, or remove it";
+        if (start[0] == '[' && rest.substr(0, 1) == "[") return "put an empty line before the header";
+        if (start[0] == '[') return "write the header as [NAME] and nothing else on its line but a comment";
+        if (start.find('=') == std::string_view::npos)
+            return "write KEY=VALUE, or begin the line with ; to make it a comment";
+        if (rest.substr(0, 1) == "=") return "write the key before the =";
+        if (start.find('=') > 254) return "shorten the key";
+        if (start.find_first_of(";[") < start.find('=')) return "a key holds no ; and no [";
+        return "the line belongs to no section: an empty line or a comment ends one; remove it above";
+    }
+
+    // ---- sections and the directory of them ----
+
+    void inspectDirectory() {
+        if (directory_ == nullptr) {
+            warn({},
+                 std::string("no section [") + kDirectoryStanza +
+                     "], the list of clients: no client can be added",
+                 std::string("begin the file with [") + kDirectoryStanza +
+                     "] and a line NAME= for each client");
+            return;
+        }
+        for (const OutlineAttribute& client : directory_->attributes) {
+            inspectRepeated(client, *directory_);
+            if (outline_.find(client.key.text) == nullptr) {
+                warn(client.key.place, "client " + quoted(client.key.text) + " has no section",
+                     "add [" + shown(client.key.text) + "] with a VELARTO_SERVER, or remove the line");
+            }
+        }
+    }
+
+    void inspectName(const OutlineSection& section) {
+        const PlacedText& name = section.name;
+        if (name.text.empty()) {
+            warn(name.place, "the section's name is empty or longer than 254 characters",
+                 "give it a shorter name");
+            return;
+        }
+        if (name.isCut) warn(name.place, "the name ends at a NUL byte", "remove the NUL byte");
+        const OutlineSection* counts = outline_.find(name.text);
+        if (counts != &section) {
+            warn(name.place,
+                 "section [" + shown(name.text) + "] is there already, " + onLine(counts->name) +
+                     "; this one is never used",
+                 "join the two, or rename one");
+        } else if (directory_ != nullptr && counts != directory_ && directory_->find(name.text) == nullptr) {
+            warn(name.place, "section [" + shown(name.text) + "] is not listed in [" + kDirectoryStanza + "]",
+                 "add the line " + shown(name.text) + "= there");
+        }
+    }
+
+    // ---- a client's section ----
+
+    void inspectClient(const OutlineSection& section) {
+        for (const OutlineAttribute& attribute : section.attributes) {
+            if (!inspectRepeated(attribute, section)) inspectAttribute(attribute);
+        }
+        inspectServers(section);
+    }
+
+    // Whether another of the same key comes first.
+    bool inspectRepeated(const OutlineAttribute& attribute, const OutlineSection& section) {
+        const OutlineAttribute* counts = section.find(attribute.key.text);
+        if (counts == &attribute || counts == nullptr) return false;
+        warn(attribute.key.place,
+             quoted(attribute.key.text) + " is there already, " + onLine(counts->key) +
+                 "; this one is never used",
+             "remove one of the two");
+        return true;
+    }
+
+    void inspectAttribute(const OutlineAttribute& attribute) {
+        const auto& [name, value] = attribute;
+        const Key* key = findKey(name.text);
+        if (key == nullptr) return inspectUnknown(name);
+        if (value.isCut)
+            warn(value.place, "the value is cut after " + std::to_string(value.text.size()) + " characters",
+                 cutRemedy(value));
+        if (beginsWithOneOf(value.text, " \t"))
+            warn(value.place, "the value begins with a blank, which belongs to it",
+                 "leave no blank after the =");
+        switch (key->kind) {
+            case ValueKind::kTruth:
+                return inspectTruth(value);
+            case ValueKind::kSeconds:
+                return inspectSeconds(value);
+            case ValueKind::kExtensions:
+                return inspectExtensions(value);
+            case ValueKind::kReadableFile:
+                return inspectFile(value);
+            default:
+                return;
+        }
+    }
+
+    static std::string cutRemedy(const PlacedText& value) {
+        return value.text.size() < 4095 ? "remove the NUL byte" : "shorten it: 4095 characters are kept";
+    }
+
+    void inspectUnknown(const PlacedText& name) {
+        std::string bare = name.text;
+        bare.erase(bare.find_last_not_of(" \t") + 1);
+        if (bare != name.text && findKey(bare) != nullptr) {
+            warn(placeIn(name, bare.size()),
+                 "a blank at the end makes " + quoted(name.text) + " another key, which nothing reads",
+                 "leave no blank before the =");
+            return;
+        }
+        const Key* nearest = nearestKey(name.text);
+        warn(name.place, "unknown key " + quoted(name.text),
+             nearest != nullptr ? std::string("did you mean ") + nearest->name + "?"
+                                : "nothing reads it; remove it");
+    }
+
+    void inspectTruth(const PlacedText& value) {
+        const std::string& text = value.text;
+        if (text.empty() || beginsWithOneOf(text, "YyTt1")) return;
+        if (isOneOf(text, {"n", "no", "f", "false", "0", "off", "none", "never", "disabled", "disable"}))
+            return;
+        warn(value.place, quoted(text) + " reads as false: only what begins with one of YyTt1 is true",
+             "write yes or no");
+    }
+
+    void inspectSeconds(const PlacedText& value) {
+        const std::string& text = value.text;
+        const unsigned long seconds = CText(text.c_str()).GetTextAsULong();
+        if (!isNumber(text)) {
+            warn(value.place,
+                 quoted(text) + " is not a number of seconds; it reads as " +
+                     (seconds != 0 ? std::to_string(seconds) : "the default, 300"),
+                 "write digits alone, for example 30");
+        } else if (seconds > 300) {
+            warn(value.place,
+                 "the gateway ends after 300 seconds in any case, so " + text + " has no effect there",
+                 "write 300 or less");
+        }
+    }
+
+    void inspectExtensions(const PlacedText& value) {
+        const std::size_t odd = value.text.find_first_of(". \t*");
+        if (odd == std::string::npos) return;
+        warn(placeIn(value, odd),
+             "an extension with " + quoted(value.text.substr(odd, 1)) + " in it never matches",
+             "write extensions alone, for example zml,zcf");
+    }
+
+    void inspectFile(const PlacedText& value) {
+        if (value.text.empty() || ::access(value.text.c_str(), R_OK) == 0) return;
+        warn(value.place, quoted(value.text) + " cannot be read: " + std::strerror(errno),
+             "name a file that the web server's user can read");
+    }
+
+    // ---- its servers ----
+
+    void inspectServers(const OutlineSection& section) {
+        const std::string list = serverListOf(section);
+        const OutlineAttribute* servers = section.find("VELARTO_SERVER");
+        const OutlineAttribute* host = section.find("VELARTO_HOST");
+        const OutlineAttribute* port = section.find("VELARTO_PORT");
+        if (list.empty()) {
+            if (!section.isWhole) return;  // they may stand in what follows the error
+            error(section.name.place, "client " + quoted(section.name.text) + " has no servers",
+                  "add VELARTO_SERVER=HOST,PORT");
+        } else if (servers == nullptr || servers->value.text.empty()) {
+            for (const ServerEntry& entry : entriesOf(list))
+                inspectEntry(entry, port->value.place, "write ports joined with :, for example 18155:18156");
+        } else {
+            inspectList(section, entriesOf(list), servers->value);
+            for (const OutlineAttribute* older : {host, port}) {
+                if (older != nullptr)
+                    warn(older->key.place, quoted(older->key.text) + " is not used beside VELARTO_SERVER",
+                         "remove it");
+            }
+        }
+    }
+
+    // Whether the gateway can use it.
+    bool inspectEntry(const ServerEntry& entry, Place place, const char* remedy) {
+        if (!entry.fault.empty())
+            error(place, "server " + quoted(entry.text) + " can never be reached: " + entry.fault, remedy);
+        return entry.fault.empty();
+    }
+
+    void inspectList(const OutlineSection& section, const std::vector<ServerEntry>& entries,
+                     const PlacedText& value) {
+        std::set<std::string> seen;
+        bool hasIds = false;
+        for (const ServerEntry& entry : entries) {
+            const Place place = placeIn(value, entry.offset);
+            if (!inspectEntry(entry, place, "write it as HOST,PORT or ID,HOST,PORT")) continue;
+            if (!seen.insert(entry.host + "," + entry.port).second)
+                warn(place, "server " + quoted(entry.host + "," + entry.port) + " is there already",
+                     "remove one of the two");
+            hasIds = hasIds || !entry.sid.empty();
+            if (!entry.sid.empty() && entry.sid.size() != 4)
+                warn(
+                    place,
+                    "id " + quoted(entry.sid) + " has not 4 characters: by it no user is kept at this server",
+                    "use 4 letters or digits");
+        }
+        const OutlineAttribute* forced = section.find("FORCE_SERVER_ARG_NAME");
+        if (forced != nullptr && !forced->value.text.empty() && !hasIds)
+            warn(forced->key.place, "no server has an id that the argument could name",
+                 "write the servers as ID,HOST,PORT");
+    }
+
+    const Outline& outline_;
+    const OutlineSection* const directory_;
+    std::vector<Finding> findings_;
+};
+
+}  // namespace
+
+std::vector<Finding> findingsIn(const Outline& outline) {
+    return Inspection(outline).run();
+}

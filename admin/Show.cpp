@@ -1,0 +1,117 @@
+// velarto-config list and show: the sections, and what holds for one client.
+#include <iomanip>
+#include <iostream>
+#include <memory>
+
+#include "Command.h"
+#include "Configuration.h"
+#include "Keys.h"
+#include "ServerEntry.h"
+#include "client/ConfigClnt.h"
+
+namespace {
+
+// One that the gateway accepts: there is nothing to show of another.
+Outline outlineOf(const std::string& path) {
+    load(path);
+    return Outline(contentOf(path));
+}
+
+std::string onLine(const PlacedText& text) {
+    return "line " + std::to_string(text.place.line);
+}
+
+// ---- list ----
+
+int list(const Request& request) {
+    const Outline outline = outlineOf(locate(request).path);
+    const OutlineSection* directory = outline.find(kDirectoryStanza);
+    Json clients = Json::array();
+    for (const OutlineSection& section : outline.sections()) {
+        if (&section == directory || outline.find(section.name.text) != &section) continue;
+        const bool isListed = directory != nullptr && directory->find(section.name.text) != nullptr;
+        const std::size_t servers = entriesOf(serverListOf(section)).size();
+        clients.push_back({{"client", section.name.text},
+                           {"line", section.name.place.line},
+                           {"servers", servers},
+                           {"listed", isListed}});
+        if (request.json) continue;
+        std::cout << std::left << std::setw(24) << shown(section.name.text) << ' ' << servers
+                  << (servers == 1 ? " server, " : " servers, ") << onLine(section.name)
+                  << (isListed ? "" : ", not in the list of clients") << '\n';
+    }
+    if (request.json) print(clients);
+    return kFine;
+}
+
+// ---- show ----
+
+struct Setting {
+    std::string key;
+    std::string value;
+    std::string origin;  // where it was set; "default"; or why nobody reads it
+};
+
+Setting settingOf(const OutlineSection& section, const Key& key) {
+    const OutlineAttribute* own = section.find(key.name);
+    const bool isSet = own != nullptr && !own->value.text.empty();
+    if (key.kind == ValueKind::kServers && !isSet) {
+        const std::string servers = serverListOf(section);
+        return {key.name, servers, servers.empty() ? "missing" : "from VELARTO_HOST and VELARTO_PORT"};
+    }
+    if (!isSet) return {key.name, key.withoutIt, own == nullptr ? "default" : "empty on " + onLine(own->key)};
+    if (key.kind == ValueKind::kServers) return {key.name, serverListOf(section), onLine(own->key)};
+    if (key.kind == ValueKind::kTruth) {
+        Stanza stanza("");
+        stanza.addValue(key.name, own->value.text.c_str());
+        const bool isTrue = IsTrueValue(stanza, key.name);
+        return {key.name, isTrue ? "yes" : "no", onLine(own->key) + ", '" + own->value.text + "'"};
+    }
+    return {key.name, own->value.text, onLine(own->key)};
+}
+
+std::vector<Setting> settingsOf(const OutlineSection& section) {
+    std::vector<Setting> settings;
+    for (const Key& key : knownKeys())
+        settings.push_back(settingOf(section, key));
+    for (const OutlineAttribute& attribute : section.attributes) {
+        if (findKey(attribute.key.text) == nullptr)
+            settings.push_back(
+                {attribute.key.text, attribute.value.text, onLine(attribute.key) + ", nothing reads it"});
+    }
+    return settings;
+}
+
+int show(const Request& request, const std::string& client) {
+    const std::string path = locate(request).path;
+    sectionOf(*load(path), client);  // or tell which there are
+    const Outline outline(contentOf(path));
+    const OutlineSection* section = outline.find(client);
+    if (section == nullptr) throw Failure(shown(path) + ": the file changed while it was read");
+    Json json = Json::array();
+    for (const Setting& setting : settingsOf(*section)) {
+        json.push_back({{"key", setting.key}, {"value", setting.value}, {"origin", setting.origin}});
+        if (request.json) continue;
+        std::cout << std::left << std::setw(22) << shown(setting.key) << ' '
+                  << (setting.value.empty() ? "-" : shown(setting.value)) << "  (" << shown(setting.origin)
+                  << ")\n";
+    }
+    if (request.json) print({{"path", path}, {"client", section->name.text}, {"settings", json}});
+    return kFine;
+}
+
+}  // namespace
+
+void addList(CLI::App& app, Request& request) {
+    app.add_subcommand("list", "List the clients")->callback([&request] {
+        request.command = [&request] { return list(request); };
+    });
+}
+
+void addShow(CLI::App& app, Request& request) {
+    CLI::App* command = app.add_subcommand("show", "Show what holds for a client, and where it was set");
+    const auto client = std::make_shared<std::string>();
+    command->add_option("CLIENT", *client, "the client")->required();
+    command->callback(
+        [&request, client] { request.command = [&request, client] { return show(request, *client); }; });
+}
