@@ -26,8 +26,8 @@ constexpr std::uint32_t kThreadEndTimeout = 10000;  // milliseconds
 
 // Guarded by RWLock as well. They outlive the loaded configuration: without the lock, which then does not
 // exist, nobody changes them.
-CText DocumentPath;
-CText RegisteredExtensions;
+CText DocumentPath VELARTO_GUARDED_BY(RWLock);
+CText RegisteredExtensions VELARTO_GUARDED_BY(RWLock);
 
 TPeriodicThread ClientThread;
 
@@ -56,6 +56,12 @@ std::uint32_t millisecondsFrom(const CText& seconds) {
 bool clientSetting(const char* key) {
     ReadLock lock(RWLock);
     return lock && configStanza != nullptr && IsTrueValue(*configStanza, key);
+}
+
+bool isConfigCurrent() {
+    ReadLock lock(RWLock);
+    return lock && configFile != nullptr &&
+           configFile->getModificationDate() <= configFile->GetParseTimestamp();
 }
 
 // What VeClientInitEnvironment does once the lock exists.
@@ -145,9 +151,7 @@ bool ReadClientConfig(bool report) {
 }
 
 bool ClientThreadProc(void*) {
-    if (configFile != nullptr && configFile->getModificationDate() <= configFile->GetParseTimestamp())
-        return false;
-    return !ReadClientConfig(false);
+    return !isConfigCurrent() && !ReadClientConfig(false);
 }
 
 bool IsVelartoExtns(const char* path) {

@@ -81,16 +81,17 @@ bool ConfigFile::parse(const CText* only) {
     return false;
 }
 
+bool ConfigFile::pIsValidSize(long long size) {
+    if (size > 0 && size <= kMaxFileSize) return true;
+    ReportSystemEvent(SYS_EVENT_ERROR, SYS_EVENT_CONFIG, "Invalid size (%lld) of the file %s", size,
+                      path_.GetTextEx());
+    parseError_ = {"the file is empty or too large", 0, 0, 0};
+    return false;
+}
+
 // only: the name of the stanzas to keep; null for all.
 bool ConfigFile::pLoad(const LockedFile& file, const CText* only) {
-    const auto isInvalid = [this](long long size) {
-        if (size > 0 && size <= kMaxFileSize) return false;
-        ReportSystemEvent(SYS_EVENT_ERROR, SYS_EVENT_CONFIG, "Invalid size (%lld) of the file %s", size,
-                          path_.GetTextEx());
-        parseError_ = {"the file is empty or too large", 0, 0, 0};
-        return true;
-    };
-    if (isInvalid(file.status().st_size)) return false;
+    if (!pIsValidSize(file.status().st_size)) return false;
 
     CData content;
     if (!doneOrReported(file.read(content, kMaxFileSize + 1), path_)) {
@@ -98,7 +99,7 @@ bool ConfigFile::pLoad(const LockedFile& file, const CText* only) {
         return false;
     }
     // Programs that do not heed the lock may have changed the size meanwhile.
-    if (isInvalid(content.GetDataSize())) return false;
+    if (!pIsValidSize(content.GetDataSize())) return false;
     if (content.GetDataSize() != file.status().st_size) {
         parseError_ = {"the file changed while it was read", 0, 0, 0};
         return false;
@@ -307,6 +308,7 @@ bool ConfigFile::writeFile(bool merge) {
     if (!doneOrReported(file.open(merge ? LockedFile::kChange : LockedFile::kCreate), path_)) return false;
     if (!merge) return pStore(file, memory);
     ConfigFile image(path_.GetText(), directoryName_.GetText());
+    MutexLock imageLock(image.lock_);
     return image.pLoad(file, nullptr) && image.mergeConfigFiles(*this) && image.pStore(file, memory);
 }
 
@@ -317,6 +319,7 @@ bool ConfigFile::removeStanzaWithWrite(const char* name) {
     LockedFile file(path_);
     if (!doneOrReported(file.open(LockedFile::kChange), path_)) return false;
     ConfigFile image(path_.GetText(), directoryName_.GetText());
+    MutexLock imageLock(image.lock_);
     if (!image.pLoad(file, nullptr) || !image.mergeConfigFiles(*this)) return false;
     image.pRemoveStanza(removed);
     const bool written = image.pStore(file, memory);
@@ -330,6 +333,7 @@ bool ConfigFile::changeStanzaWithWrite(const char* name) {
     LockedFile file(path_);
     if (!doneOrReported(file.open(LockedFile::kChange), path_)) return false;
     ConfigFile image(path_.GetText(), directoryName_.GetText());
+    MutexLock imageLock(image.lock_);
     if (!image.pLoad(file, nullptr)) return false;
 
     Stanza* onDisk = image.pGetStanza(name);

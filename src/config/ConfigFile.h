@@ -9,6 +9,7 @@
 #include "config/ConfigParser.h"
 #include "config/Stanza.h"
 #include "platform/mutexobj.h"
+#include "platform/thread_annotations.h"
 
 class LockedFile;
 
@@ -68,7 +69,7 @@ class ConfigFile {
     // Takes over the stanzas that other lists in its directory: present ones are merged, new ones copied. The
     // caller holds other's lock. False, with nothing changed, when either directory stanza is missing; also
     // when memory runs out, and then something may be missing here.
-    bool mergeConfigFiles(ConfigFile& other);
+    bool mergeConfigFiles(ConfigFile& other) VELARTO_REQUIRES(other.lock_);
 
     // The next three hold one exclusive lock on the file from before it is read until it is written, and the
     // file keeps its old content, whole, unless the new content could be written whole (see LockedFile).
@@ -94,22 +95,23 @@ class ConfigFile {
     static bool buildConfigPath(const char* fileName, CText& path, ConfigPathRule* rule = nullptr);
 
   private:
-    Stanza* pGetStanza(const CText& name);
-    Stanza* pGetDirectory() { return pGetStanza(directoryName_); }
-    Stanza* pGetStanzaAtIndex(std::uint32_t i);
-    bool pAddStanza(Stanza* stanza, bool addToDirectory);
-    bool pRemoveStanza(const CText& name);
+    Stanza* pGetStanza(const CText& name) VELARTO_REQUIRES(lock_);
+    Stanza* pGetDirectory() VELARTO_REQUIRES(lock_) { return pGetStanza(directoryName_); }
+    Stanza* pGetStanzaAtIndex(std::uint32_t i) VELARTO_REQUIRES(lock_);
+    bool pAddStanza(Stanza* stanza, bool addToDirectory) VELARTO_REQUIRES(lock_);
+    bool pRemoveStanza(const CText& name) VELARTO_REQUIRES(lock_);
 
     bool parse(const CText* only);
-    bool pLoad(const LockedFile& file, const CText* only);
-    bool pReadsBack(const char* bytes, std::uint32_t size);
-    bool pStore(LockedFile& file, const MemoryWatch& memory);
+    bool pIsValidSize(long long size) VELARTO_REQUIRES(lock_);
+    bool pLoad(const LockedFile& file, const CText* only) VELARTO_REQUIRES(lock_);
+    bool pReadsBack(const char* bytes, std::uint32_t size) VELARTO_REQUIRES(lock_);
+    bool pStore(LockedFile& file, const MemoryWatch& memory) VELARTO_REQUIRES(lock_);
 
-    std::uint32_t cursor_ = 0;
-    CText path_;
-    CText directoryName_;
-    std::time_t parseTimestamp_ = 0;
-    Lists<Stanza*> stanzas_;
-    ParseError parseError_;
+    std::uint32_t cursor_ VELARTO_GUARDED_BY(lock_) = 0;
+    CText path_ VELARTO_GUARDED_BY(lock_);
+    CText directoryName_ VELARTO_GUARDED_BY(lock_);
+    std::time_t parseTimestamp_ VELARTO_GUARDED_BY(lock_) = 0;
+    Lists<Stanza*> stanzas_ VELARTO_GUARDED_BY(lock_);
+    ParseError parseError_ VELARTO_GUARDED_BY(lock_);
     mutable Mutex lock_{Mutex::kPrivate};
 };

@@ -51,7 +51,9 @@ class LockedFile {
     // symbolic or further hard link, a folder that takes no files, an owner that cannot be given away, a
     // mount point) the file is written in place. Space for growth is reserved first, so that a full disk
     // shows before anything is overwritten; then the whole content is written, then the size is cut. What was
-    // overwritten is put back when a step fails; only a crash in between leaves a mixture.
+    // overwritten is put back when a step fails. A process killed between two steps leaves the old content or
+    // the new, behind which, until the cut, stands what the old has more. Killed within the write it leaves a
+    // beginning of the new before the rest of the old; a crash of the system may leave any mixture.
     FileFault replace(const char* bytes, std::uint32_t size);
 
   private:

@@ -7,6 +7,7 @@
 #include "Server/Common_Classes/UText.h"
 #include "config/AttributeList.h"
 #include "platform/mutexobj.h"
+#include "platform/thread_annotations.h"
 
 // A name and its attributes, guarded by a recursive lock of its own that every operation holds for its whole
 // run, except where it says otherwise. Names and keys compare without regard to case. Operations that fill a
@@ -32,7 +33,8 @@ class Stanza {
 
     // ---- identity ----
     void setStanzaName(const char* name);
-    const CText& getStanzaName() const { return name_; }  // without the lock
+    // Without the lock: others get to see a stanza only once it has its name.
+    const CText& getStanzaName() const VELARTO_NO_THREAD_SAFETY_ANALYSIS { return name_; }
     bool isStanzaName(const CText& name);
     bool operator==(const Stanza& other);
     std::uint32_t getNumberOfAttributes();
@@ -46,7 +48,9 @@ class Stanza {
     bool addValue(const char* key, const char* value);     // appends even a key that is there
     bool changeValue(const char* key, const char* value);  // the first occurrence, or appends
     bool removeKey(const char* key);                       // the first occurrence; false when absent
-    bool mergeStanza(Stanza& other);  // other's values win; other is read without its lock
+    // Takes other's attributes over; their values win. Other is read without its lock, so that two stanzas
+    // merged crosswise never wait for each other.
+    bool mergeStanza(Stanza& other) VELARTO_NO_THREAD_SAFETY_ANALYSIS;
     // Takes the other's attributes in place of these. Never waits for the other's lock: false, with nothing
     // changed, when it is busy.
     bool copyAttributeList(Stanza& other);
@@ -78,7 +82,7 @@ class Stanza {
     static const char bsEscValues[3];
     static const char bsEscKeys[3];
 
-    CText name_;
-    AttributeList attributes_;
+    CText name_ VELARTO_GUARDED_BY(lock_);
+    AttributeList attributes_ VELARTO_GUARDED_BY(lock_);
     mutable Mutex lock_{Mutex::kPrivate};
 };

@@ -10,6 +10,7 @@
 #include "eventlog/eventlog_impl.h"
 #include "platform/mutexobj.h"
 #include "platform/osfile_impl.h"
+#include "platform/thread_annotations.h"
 #include "platform/threads_impl.h"
 
 // How a report, an opening and a closing meet:
@@ -29,9 +30,6 @@
 
 namespace {
 
-std::atomic<std::FILE*> EvtLogFile{nullptr};  // the log file or standard output; null while the log is closed
-CText EvtLogFileName;                         // empty for standard output; guarded by EvtLogCS
-
 Mutex& EvtLogTurn() {
     static Mutex mutex(Mutex::kPrivate);
     return mutex;
@@ -41,6 +39,9 @@ Mutex& EvtLogCS() {
     static Mutex mutex(Mutex::kPrivate);
     return mutex;
 }
+
+std::atomic<std::FILE*> EvtLogFile{nullptr};  // the log file or standard output; null while the log is closed
+CText EvtLogFileName VELARTO_GUARDED_BY(EvtLogCS());  // empty for standard output
 
 std::tm localTime(std::time_t time) {
     std::tm local{};

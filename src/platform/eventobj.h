@@ -5,13 +5,15 @@
 
 #include <cstdint>
 
+#include "platform/thread_annotations.h"
+
 // Two-step life: usable after CreateEvent(), released by DestroyEvent(); the destructor releases nothing.
 // Without CreateEvent() every operation fails. For the threads of one process; a constant-initialised event
 // may be process-wide.
 //
 // A manual-reset event stays signalled until ResetEvent() and lets every waiter go; an automatic-reset event
 // lets one waiter go, whose wait takes the signal.
-class TEvent {
+class VELARTO_CAPABILITY("event") TEvent {
   public:
     static constexpr int kSignalled = 0;
     static constexpr int kFailed = 1;
@@ -26,8 +28,8 @@ class TEvent {
     ~TEvent() = default;
 
     // False when the event cannot be made, or is there already (it stays). Made again after DestroyEvent() it
-    // begins in its initial state.
-    bool CreateEvent();
+    // begins in its initial state. Unchecked: nobody else has the event yet.
+    bool CreateEvent() VELARTO_NO_THREAD_SAFETY_ANALYSIS;
     bool DestroyEvent();  // REQUIRES: nobody waits; always true
 
     // False when the system refuses.
@@ -39,12 +41,13 @@ class TEvent {
     int WaitForEvent(std::uint32_t timeoutMs);
 
   private:
-    bool lock();
-    bool unlock();
+    // Its own lock, which every operation holds for a moment.
+    bool lock() VELARTO_TRY_ACQUIRE(true);
+    bool unlock() VELARTO_RELEASE();
 
     pthread_cond_t condition_{};
     pthread_mutex_t mutex_{};
-    bool signalled_;
+    bool signalled_ VELARTO_GUARDED_BY(this);
     const bool manualReset_;
     const bool initialState_;
     bool created_ = false;

@@ -5,6 +5,7 @@
 
 #include "platform/eventobj.h"
 #include "platform/mutexobj.h"
+#include "platform/thread_annotations.h"
 
 // Writers come first: one that waits holds back new readers and goes when the readers inside have left;
 // writers follow one another. Not recursive: a reader that asks again while a writer waits blocks for good.
@@ -12,47 +13,49 @@
 // Two-step life: usable after CreateRWLock(), released by DestroyRWLock(), after which it may be created
 // again; the destructor releases nothing. While it is not created, the waits fail. Constant-initialised, so a
 // process-wide lock needs no start-up code.
-class TReadWriteLock {
+class VELARTO_CAPABILITY("read-write lock") TReadWriteLock {
   public:
     constexpr TReadWriteLock() = default;
     TReadWriteLock(const TReadWriteLock&) = delete;
     TReadWriteLock& operator=(const TReadWriteLock&) = delete;
     ~TReadWriteLock() = default;
 
-    bool CreateRWLock();   // false when it cannot be made, or is there already (it stays)
-    bool DestroyRWLock();  // REQUIRES: nobody holds it or waits; always true
+    bool CreateRWLock();  // false when it cannot be made, or is there already (it stays)
+    // REQUIRES: nobody holds it or waits; always true. Unchecked: nobody is left to guard the counts from.
+    bool DestroyRWLock() VELARTO_NO_THREAD_SAFETY_ANALYSIS;
 
     // True when acquired. False when the lock is not created or a wait failed or passed TEvent::kNoLimit; the
     // lock is then as though nobody had asked.
-    bool WaitForRead();
-    bool WaitForWrite();
+    bool WaitForRead() VELARTO_TRY_ACQUIRE_SHARED(true);
+    bool WaitForWrite() VELARTO_TRY_ACQUIRE(true);
 
     // False when there was nothing to release.
-    bool ReleaseReadLock();
-    bool ReleaseWriteLock();
+    bool ReleaseReadLock() VELARTO_RELEASE_SHARED();
+    bool ReleaseWriteLock() VELARTO_RELEASE();
 
   private:
     bool enterAsReader();
     void announceWriter();
     void withdrawWriter();
 
-    Mutex guard_;                        // of the two counts; never held while waiting
-    std::uint32_t readers_ = 0;          // inside
-    std::uint32_t writers_ = 0;          // waiting or inside
-    TEvent noWriter_{true, true};        // set while no writer waits or writes
+    Mutex guard_;                                           // never held while waiting
+    std::uint32_t readers_ VELARTO_GUARDED_BY(guard_) = 0;  // inside
+    std::uint32_t writers_ VELARTO_GUARDED_BY(guard_) = 0;  // waiting or inside
+    TEvent noWriter_{true, true};                           // set while no writer waits or writes
     TEvent freeForWriter_{false, true};  // set while nobody is inside; each signal lets one writer in
     bool created_ = false;
 };
 
-// Holds the lock for a scope, when it could be had: REQUIRES a look at the holder before the data.
-template <bool (TReadWriteLock::*Wait)(), bool (TReadWriteLock::*Release)()>
-class RWLockHolder {
+// Holds the lock for a scope, when it could be had: REQUIRES a look at the holder before the data. (Clang
+// takes every holder for one that holds.)
+class VELARTO_SCOPED_CAPABILITY ReadLock {
   public:
-    explicit RWLockHolder(TReadWriteLock& lock) : lock_(lock), held_((lock.*Wait)()) {}
-    RWLockHolder(const RWLockHolder&) = delete;
-    RWLockHolder& operator=(const RWLockHolder&) = delete;
-    ~RWLockHolder() {
-        if (held_) (lock_.*Release)();
+    explicit ReadLock(TReadWriteLock& lock) VELARTO_ACQUIRE_SHARED(lock)
+        : lock_(lock), held_(lock.WaitForRead()) {}
+    ReadLock(const ReadLock&) = delete;
+    ReadLock& operator=(const ReadLock&) = delete;
+    ~ReadLock() VELARTO_RELEASE() {
+        if (held_) lock_.ReleaseReadLock();
     }
 
     explicit operator bool() const { return held_; }
@@ -62,5 +65,19 @@ class RWLockHolder {
     const bool held_;
 };
 
-using ReadLock = RWLockHolder<&TReadWriteLock::WaitForRead, &TReadWriteLock::ReleaseReadLock>;
-using WriteLock = RWLockHolder<&TReadWriteLock::WaitForWrite, &TReadWriteLock::ReleaseWriteLock>;
+class VELARTO_SCOPED_CAPABILITY WriteLock {
+  public:
+    explicit WriteLock(TReadWriteLock& lock) VELARTO_ACQUIRE(lock)
+        : lock_(lock), held_(lock.WaitForWrite()) {}
+    WriteLock(const WriteLock&) = delete;
+    WriteLock& operator=(const WriteLock&) = delete;
+    ~WriteLock() VELARTO_RELEASE() {
+        if (held_) lock_.ReleaseWriteLock();
+    }
+
+    explicit operator bool() const { return held_; }
+
+  private:
+    TReadWriteLock& lock_;
+    const bool held_;
+};
