@@ -21,11 +21,12 @@ quietly() {
     return "$status"
 }
 
-# Configures and builds one preset.
+# build PRESET [TARGET...]
+# Configures and builds one preset: all of it, or these targets.
 build() {
     say "building '$1' in build/$1"
     quietly cmake --preset "$1" || die "cannot configure '$1'"
-    cmake --build --preset "$1" -- --quiet || die "cannot build '$1'"
+    cmake --build --preset "$1" -- --quiet "${@:2}" || die "cannot build '$1'"
 }
 
 # install_packages PACKAGE...

@@ -83,7 +83,7 @@ TEST(Text, ComparesWithoutCaseUnlessToldOtherwise) {
     const CText abc("abc"), empty, terminated("");
     EXPECT_TRUE(abc == CText("aBC") && abc == "aBC" && CText("A") < CText("b") && empty == terminated);
     EXPECT_FALSE(abc.Equals(CText("aBC"), true) || empty == abc || abc == empty);
-    EXPECT_TRUE(abc.Compare(nullptr) == 'a' && abc.Compare("a", 0) == 1 && empty.Compare("a", 1) == -1);
+    EXPECT_TRUE(abc.Compare(nullptr) > 0 && abc.Compare("a", 0) == 1 && empty.Compare("a", 1) == -1);
     EXPECT_TRUE(CText("abcdef").Equals("ABC", 3) && abc.Equals("abc", 3, true));
     EXPECT_FALSE(CText("abcdef").Equals("abc", 3, true) || abc.Equals("abcd", 3, true));
     EXPECT_TRUE(abc.FirstNEquals("abcdef", 6, true) && abc.FirstNEquals("aBcdef", 6, false));
