@@ -80,40 +80,23 @@ std::string textOf(const Image& image) {
     return text;
 }
 
-// Whether the syntax can carry the line of a setting: an empty key or one with a bracket can be read, but not
-// written.
-bool isWritable(const std::string& line) {
-    const std::string key = line.substr(0, line.find('='));
-    return !key.empty() && key.find('[') == std::string::npos;
-}
-
-// A value whose last character is an escape that stands for itself can be one character too long.
-bool isWhole(const std::string& line) {
-    return line.size() <= kLongestValue;
-}
-
-template <class Test>
-bool allSettings(const Image& image, Test test) {
-    return std::all_of(image.sections.begin(), image.sections.end(), [&](const Section& section) {
-        std::istringstream lines(section.text);
-        std::string line;
-        std::getline(lines, line);  // the header
-        while (std::getline(lines, line) && !line.empty()) {
-            if (!test(line)) return false;
-        }
-        return true;
-    });
+bool hasLineBeyond(std::size_t size, const std::string& text) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.size() > size) return true;
+    }
+    return false;
 }
 
 // The file after the image was written: that image or, when it cannot be written, the old file. What was
-// written reads as the same image.
+// written reads as the same image, but for a value whose last character is an escape that stands for itself:
+// that can be one character too long.
 void checkWriting(const fuzz::MemoryFile& disk, ConfigFile& file, const std::string& content,
                   const Image& image) {
     const bool written = file.writeFile(false);
-    assert(written == allSettings(image, isWritable));
     const std::string text = written ? textOf(image) : content;
     assert(disk.read() == text);
-    if (!written || !allSettings(image, isWhole)) return;
+    if (!written || hasLineBeyond(kLongestValue, text)) return;
     const Image again(text);
     assert(again.error.line == 0 && again.sections == image.sections);
 }

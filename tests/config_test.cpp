@@ -1,7 +1,6 @@
 // velarto-config: what check finds, and where; what the others show and change; files and requests that they refuse.
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -37,7 +36,7 @@ class Config : public testing::Test {
     support::Command command(std::vector<std::string> arguments) const {
         support::Command command;
         command.program = VELARTO_CONFIG_PATH;
-        command.arguments = {"velarto-config", "--file", path_};
+        command.arguments = {command.program, "--file", path_};
         command.arguments.insert(command.arguments.end(), arguments.begin(), arguments.end());
         command.environment = support::currentEnvironment();
         return command;
@@ -252,8 +251,8 @@ TEST_F(Config, WhatCannotBeUsedIsRefusedInOneLineAndNothingChanges) {
 
 TEST_F(Config, AFullDiskLeavesTheFile) {
     support::Command full = command({"set", "shop", "DOCUMENTPATH", "/srv"});
-    full.limits = {{RLIMIT_FSIZE, 16}};
-    full.ignoredSignals = {SIGXFSZ};
+    full.arguments.insert(full.arguments.begin(), {"bash", "-c", "trap '' XFSZ; ulimit -f 0; exec \"$@\""});
+    full.program = "/bin/bash";
     expectRefusal(support::run(full, 20s), "cannot be written: File too large", kFile);
 }
 

@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <random>
 #include <string>
 #include <utility>
 
@@ -55,44 +53,6 @@ TEST(Data, RangesAreCutAndSizesThatPass32BitsChangeNothing) {
     EXPECT_EQ(content(block), "abcd");
     block.Replace(1, kMax, -7L);
     EXPECT_EQ(content(block), "a-7");
-}
-
-// Assignments and splices, with outside sources and with the block itself as the source, against a string.
-void compareWithString(CData& block, std::size_t capacity) {
-    std::mt19937 random(20040517);
-    const auto below = [&](std::size_t n) { return static_cast<std::uint32_t>(random() % n); };
-    std::string pool(100, '\0'), model;
-    for (char& c : pool)
-        c = static_cast<char>(random());
-    for (int step = 0; step < 20000; ++step) {
-        std::string src = pool.substr(below(100), below(3) == 0 ? below(90) : below(6));
-        const void* bytes = src.data();
-        if (below(3) == 0 && !model.empty()) {  // from the block itself
-            const std::uint32_t at = below(model.size());
-            src = model.substr(at, below(model.size() - at + 1));
-            bytes = block.GetBuffer() + at;
-        }
-        const auto length = static_cast<std::uint32_t>(src.size());
-        if (model.empty() || model.size() > 600 || below(8) == 0) {
-            block.SetEqualTo(bytes, length, 0);
-            model = src.substr(0, capacity);
-        } else {
-            const std::uint32_t pos = below(model.size() + 3), count = below(12);
-            block.Replace(pos, count, bytes, length);
-            std::string spliced = model;
-            spliced.replace(std::min<std::size_t>(pos, model.size()), count, src);
-            if (spliced.size() <= capacity) model = spliced;
-        }
-        ASSERT_EQ(content(block), model) << "step " << step;
-    }
-}
-
-TEST(Data, RandomSplicesMatchAString) {
-    CData owned;
-    compareWithString(owned, kMax);
-    char array[64];
-    CData foreign(array, sizeof array, 0);
-    compareWithString(foreign, sizeof array);
 }
 
 }  // namespace

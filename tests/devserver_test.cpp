@@ -1,9 +1,7 @@
 // The development application server, spoken to byte by byte as a gateway would.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -12,10 +10,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
+#include "net/Socket.h"
 #include "support/Process.h"
 #include "support/Wire.h"
 
@@ -72,18 +70,12 @@ class Server {
 // A gateway's connection, on which a request has been sent.
 class Client {
   public:
-    Client(const Server& server, const std::string& request)
-        : descriptor_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        const timeval limit = {20, 0};
-        ::setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(server.port());
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(::connect(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    Client(const Server& server, const std::string& request) {
+        EXPECT_TRUE(socket_.CreateSocket(AF_INET, nullptr, nullptr) &&
+                    socket_.Connect("127.0.0.1", server.port(), kLimit));
+        socket_.SetReadWriteTimeout(kLimit);
         send(request);
     }
-    ~Client() { ::close(descriptor_); }
 
     // All that comes until the server closes. Each of its messages gets the next reply; after the last one
     // nothing more is sent. A reset, and silence for too long, stand at the end as the system's message.
@@ -91,24 +83,26 @@ class Client {
         std::string all;
         auto reply = replies.begin();
         for (;;) {
-            if (reply == replies.end()) ::shutdown(descriptor_, SHUT_WR);
+            if (reply == replies.end()) ::shutdown(socket_.GetDescriptor(), SHUT_WR);
             char byte = 0;
-            const ssize_t got = ::recv(descriptor_, &byte, 1, 0);
-            if (got <= 0) return got == 0 ? all : all + std::strerror(errno);
+            const int got = socket_.ReceiveNum(&byte, 1);
+            if (got <= 0) return got == 0 ? all : all + std::strerror(socket_.GetLastError());
             all += byte;
             const bool isEnd = all.size() > 4 && all.compare(all.size() - 4, 4, "END!") == 0;
             if (isEnd && reply != replies.end()) send(*reply++);
         }
     }
-    bool hasInput(int flags) const {
-        char byte;
-        return ::recv(descriptor_, &byte, 1, MSG_PEEK | flags) == 1;
+    bool hasInputWithin(int milliseconds) const {
+        pollfd waits = {socket_.GetDescriptor(), POLLIN, 0};
+        return ::poll(&waits, 1, milliseconds) == 1;
     }
 
   private:
-    void send(const std::string& bytes) { ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+    static constexpr std::uint32_t kLimit = 20000;  // milliseconds
 
-    int descriptor_;
+    void send(const std::string& bytes) { socket_.SendNum(bytes.data(), static_cast<int>(bytes.size())); }
+
+    Socket socket_;
 };
 
 std::string requestFor(const std::string& path, const std::string& query = {},
@@ -224,10 +218,9 @@ TEST(Devserver, MisbehavesWhenAllowedTo) {
 TEST(Devserver, BoundsItsConnectionsAndEndsThemOnSigterm) {
     Server server({"--connections", "1"});
     const Client first(server, requestFor("/"));
-    EXPECT_TRUE(first.hasInput(0));  // the answer has begun; it waits for its acknowledgement now
+    EXPECT_TRUE(first.hasInputWithin(20000));  // the answer has begun; it waits for its acknowledgement now
     const Client second(server, requestFor("/"));
-    std::this_thread::sleep_for(100ms);
-    EXPECT_FALSE(second.hasInput(MSG_DONTWAIT));
+    EXPECT_FALSE(second.hasInputWithin(100));
     server.terminate();
     server.expectComplaint(": cut off, the server ends\n");
 }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -67,10 +68,6 @@ TEST(SendQuilRequest, WritesTheWholeRecordInOneMessage) {
     client.setClientName("shop");
     EXPECT_TRUE(client.SendQuilRequest(&request));
     EXPECT_EQ(client.writes, Texts{wire::encode(expected)});
-    const std::string begin =
-        "QUIL\xFF\xFD\xFF\xFD\0\0\0\1\x3B\x9A\xCA\x7F\0\0\0\3x\0y\0\0\0\x0CQUERY_STRING\0\0\0\3a=1"
-        "\0\0\0\x09PATH_INFO\0\0\0\0"s;
-    EXPECT_EQ(client.written().substr(0, begin.size()), begin);
     EXPECT_EQ(request.GetParamAttribute("HTTP_COOKIE")->value().GetTextEx(), expected["HTTP_COOKIE"]);
 }
 
@@ -92,6 +89,16 @@ TEST(DispatchQuilRequests, AcknowledgesDataInOneWriteEachAndShowsEveryMessage) {
     }
 }
 
+// Acknowledgements have no room between messages that are already there.
+TEST(DispatchQuilRequests, ServesAServerThatDoesNotWait) {
+    Client client;
+    for (const std::string& message : kAnswer)
+        client.input += message;
+    EXPECT_TRUE(client.dispatch());
+    EXPECT_EQ(client.seen, kSeen);
+    EXPECT_TRUE(client.writes.size() < 4);
+}
+
 TEST(DispatchQuilRequests, EndsAtTheMessageThatTheCallbackRefuses) {
     for (std::size_t i = 0; i < kSeen.size(); ++i) {
         Client client;
@@ -108,6 +115,8 @@ TEST(FileService, AnswersWithARegularFileOrRefuses) {
     support::writeFile(folder / "page", "a\0b"s);
     support::writeFile(folder / "big", kBig);
     support::writeFile(folder / "empty", "");
+    support::writeFile(folder / "huge", "");
+    std::filesystem::resize_file(folder / "huge", (std::uintmax_t{4} << 30) + 10);  // a hole: takes no disk
     ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
     const std::string page = "QUIL\xFF\xFD\xFF\xFD\0\0\0\3\0\0\0\1\0\0\0\3a\0bEND!"s;
     const std::string refusal = "QUIL\xFF\xFD\xFF\xFD\0\0\0\3\0\0\0\0END!"s;
@@ -116,15 +125,11 @@ TEST(FileService, AnswersWithARegularFileOrRefuses) {
         bool parseFilePaths;
         std::string reply;
     } cases[] = {
-        {folder / "page", false, page},
-        {folder / "big", true, wire::fileReply(kBig)},
-        {folder / ".\\page", true, page},
-        {folder / ".\\page", false, refusal},
-        {folder / "missing", false, refusal},
-        {folder / "empty", false, refusal},
-        {folder / "pipe", false, refusal},
-        {folder.path(), false, refusal},
-        {"", true, refusal},
+        {folder / "page", false, page},        {folder / "big", true, wire::fileReply(kBig)},
+        {folder / ".\\page", true, page},      {folder / ".\\page", false, refusal},
+        {folder / "missing", false, refusal},  {folder / "empty", false, refusal},
+        {folder / "huge", false, refusal},     {folder / "pipe", false, refusal},
+        {folder.path(), false, refusal},       {"", true, refusal},
         {folder / "page\0x"s, false, refusal},
     };
     for (const auto& c : cases) {

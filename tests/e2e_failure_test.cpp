@@ -27,15 +27,21 @@ class GatewayFailure : public GatewayTest {
     }
 };
 
-TEST_F(GatewayFailure, ServerMayDieAtEveryByteOffsetOfItsAnswer) {
+TEST_F(GatewayFailure, AnswerThatBreaksOffOrIsWrongEndsInThePage) {
     for (std::size_t message = 0; message < kAnswer.size(); ++message) {
-        for (std::size_t size = 0; size < kAnswer[message].size(); ++size) {
+        const std::string& right = kAnswer[message];
+        std::vector<std::string> answers;
+        for (const std::size_t size : {std::size_t{0}, std::size_t{5}, right.size() - 1})
+            answers.push_back(right.substr(0, size));
+        for (const std::size_t at : {std::size_t{0}, std::size_t{7}, std::size_t{9}, right.size() - 1})
+            answers.push_back(std::string(right).replace(at, 1, "?"));  // in mark, version, type and footer
+        for (const std::string& answer : answers) {
             for (const bool resets : {false, true}) {
-                SCOPED_TRACE(std::to_string(message) + " " + std::to_string(size) + (resets ? " reset" : ""));
+                SCOPED_TRACE(::testing::PrintToString(answer) + (resets ? " reset" : ""));
                 serveAlone([&](Connection& connection) {
                     serveFirst(connection, message);
-                    connection.send(kAnswer[message].substr(0, size));
-                    resets ? connection.reset() : connection.close();
+                    connection.send(answer);
+                    resets ? connection.reset() : connection.closeSending();
                 });
                 expectPage(run(), 605, "", outputOf(message));
             }
@@ -43,33 +49,12 @@ TEST_F(GatewayFailure, ServerMayDieAtEveryByteOffsetOfItsAnswer) {
     }
 }
 
-TEST_F(GatewayFailure, WrongBytesInAnyMessageEndInThePage) {
-    for (std::size_t message = 0; message < kAnswer.size(); ++message) {
-        const std::string& right = kAnswer[message];
-        // Every byte of the frame: mark, version, type; footer.
-        for (std::size_t at = 0; at < right.size(); at += at == 11 ? right.size() - 15 : 1) {
-            SCOPED_TRACE(std::to_string(message) + " " + std::to_string(at));
-            std::string wrong = right;
-            wrong[at] = static_cast<char>(wrong[at] ^ 0x20);
-            serveAlone([&](Connection& connection) {
-                serveFirst(connection, message);
-                connection.send(wrong);
-            });
-            expectPage(run(), 605, "", outputOf(message));
-        }
-    }
-}
-
 TEST_F(GatewayFailure, NonsenseEndsInThePage) {
-    std::vector<std::string> answers = {"HTTP/1.0 400 Bad Request\r\n\r\n", std::string(100000, '\0'),
-                                        "QUIL"};
-    for (const std::uint32_t type : {0u, 1u, 3u, 5u, 8u, 0x04000000u, 0xFFFFFFFFu})
+    std::vector<std::string> answers = {"HTTP/1.0 400 Bad Request\r\n\r\n", std::string(100000, '\0')};
+    for (const std::uint32_t type : {0u, 1u, 0x04000000u})
         answers.push_back(wire::message(type, wire::counted("x")));
-    for (const std::uint32_t type : {2u, 4u, 6u}) {  // lengths beyond what comes
-        const std::string start = wire::message(type).substr(0, 12);
-        for (const std::uint32_t length : {6u, 5000u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFEu, 0xFFFFFFFFu})
-            answers.push_back(start + wire::number(length) + "bytes");
-    }
+    for (const std::uint32_t length : {6u, 0x80000000u, 0xFFFFFFFFu})  // beyond what comes
+        answers.push_back(wire::message(4).substr(0, 12) + wire::number(length) + "bytes");
     for (const std::string& answer : answers) {
         SCOPED_TRACE(::testing::PrintToString(answer.substr(0, 30)));
         serveAlone([&](Connection& connection) {
@@ -110,28 +95,6 @@ TEST_F(GatewayFailure, RequestThatIsNotTakenEndsInThePage) {
                    "The request was sent to the Velarto Server on IP 127.0.0.1 Port " +
                        std::to_string(server.port()));
     }
-}
-
-TEST_F(GatewayFailure, ServerThatClosesAtOnceEndsInThePageOfTheStepThatSawIt) {
-    for (int i = 0; i < 10; ++i) {
-        serveAlone([](Connection& connection) { connection.reset(); });
-        const int status = run().exitStatus;
-        EXPECT_TRUE(status == (602 & 0xFF) || status == (604 & 0xFF) || status == (605 & 0xFF)) << status;
-    }
-}
-
-// While the bytes of a text of that length still come, only memory for those is claimed.
-TEST_F(GatewayFailure, MemoryIsClaimedForBytesNotForLengths) {
-    if (kAddressSanitizer) GTEST_SKIP() << "the address sanitizer needs all of the address space";
-    serveAlone([](Connection& connection) {
-        connection.receiveRequest();
-        connection.send(wire::message(4).substr(0, 12) + wire::number(0xF0000000));
-        connection.send(std::string(48 << 20, 'x'));  // fails when the gateway gives up before
-        connection.closeSending();
-    });
-    Command command = this->command();
-    command.limits = {{RLIMIT_AS, 512 << 20}};
-    expectPage(runCommand(command), 605, "");
 }
 
 // The alarm must end a gateway that hangs, whatever the web server did with that signal.

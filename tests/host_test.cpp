@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -16,12 +15,12 @@
 #include "client/Velarto.h"
 #include "platform/systimer_impl.h"
 #include "support/Concurrent.h"
-#include "support/Process.h"
+#include "support/ScriptedPeer.h"
 #include "support/TempDir.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+namespace wire = support::wire;
 using support::Runner;
 
 bool collect(ve_hclient_t*, TQUILReqType type, const char* data, std::uint32_t length, void* body) {
@@ -61,21 +60,17 @@ void occupyDescriptors(std::vector<int>& descriptors, std::size_t count) {
 }
 
 TEST(Host, ServesManyThreadsWhileItsConfigurationChanges) {
-    support::Command command;
-    command.program = VELARTO_DEVSERVER_PATH;
-    command.arguments = {command.program, "--listen", "127.0.0.1:0"};
-    command.environment = support::currentEnvironment();
-    support::Process server(command);
-    ASSERT_TRUE(server.waitForOut("\n", 10s)) << server.err();
-    const std::string ready = server.out();
-    const std::string port = std::to_string(std::atoi(ready.substr(ready.rfind(':') + 1).c_str()));
+    support::ScriptedPeer server([](support::Connection& connection) {
+        connection.receiveRequest();
+        connection.serve({wire::body(connection.request().post), wire::end()});
+    });
 
     const support::TempDir folder;
     const auto configure = [&](const std::string& settings) {
         const std::string file = folder / "configuration/clients.ini";
         support::writeFile(file + ".new",
-                           "[Velarto Client Definitions]\nhost=\n\n[host]\nVELARTO_SERVER=localhost," + port +
-                               "\n" + settings);
+                           "[Velarto Client Definitions]\nhost=\n\n[host]\nVELARTO_SERVER=localhost," +
+                               std::to_string(server.port()) + "\n" + settings);
         return rename((file + ".new").c_str(), file.c_str()) == 0;
     };
     std::filesystem::create_directory(folder / "configuration");

@@ -56,23 +56,22 @@ static void give(void* block) {
     __interceptor_free != nullptr ? __interceptor_free(block) : __libc_free(block);
 }
 
-// clang-format off
-static void* orThrow(void* block) { return block != nullptr ? block : throw std::bad_alloc(); }
-static void* cleared(void* block, std::size_t n) { return block != nullptr ? std::memset(block, 0, n) : block; }
-
-extern "C" void* malloc(std::size_t size) noexcept { return take(nullptr, size); }
-extern "C" void* calloc(std::size_t n, std::size_t size) noexcept { return cleared(take(nullptr, n * size), n * size); }
-extern "C" void* realloc(void* old, std::size_t size) noexcept { return take(old, size); }
-extern "C" void free(void* block) noexcept { give(block); }
-void* operator new(std::size_t size) { return orThrow(take(nullptr, size)); }
-void* operator new[](std::size_t size) { return orThrow(take(nullptr, size)); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return take(nullptr, size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return take(nullptr, size); }
-void operator delete(void* block) noexcept { give(block); }
-void operator delete(void* block, std::size_t) noexcept { give(block); }
-void operator delete[](void* block) noexcept { give(block); }
-void operator delete[](void* block, std::size_t) noexcept { give(block); }
-// clang-format on
+// The operators new and delete end here too, but for those of an address sanitizer.
+extern "C" {
+void* malloc(std::size_t size) noexcept {
+    return take(nullptr, size);
+}
+void* calloc(std::size_t n, std::size_t size) noexcept {
+    void* block = take(nullptr, n * size);
+    return block != nullptr ? std::memset(block, 0, n * size) : nullptr;
+}
+void* realloc(void* old, std::size_t size) noexcept {
+    return take(old, size);
+}
+void free(void* block) noexcept {
+    give(block);
+}
+}
 
 namespace {
 

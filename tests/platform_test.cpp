@@ -82,19 +82,6 @@ TEST_F(RWLockTest, WaitingWriterGoesBeforeNewReaders) {
     finish = true;
 }
 
-TEST_F(RWLockTest, ReadersSeeWhatWritersFinished) {
-    int first = 0, second = 0;
-    const auto visit = [&] {
-        for (int round = 0; round < 2000; ++round) {
-            if (WriteLock hold(lock); hold) ++first, ++second;
-            ReadLock hold(lock);
-            ASSERT_EQ(first, second);
-        }
-    };
-    { Runner threads[] = {Runner(visit), Runner(visit), Runner(visit)}; }
-    EXPECT_EQ(first, 6000);
-}
-
 // Sleeps until it is told to stop.
 struct SleepingThread : TThread {
     std::uint32_t Process() override { return Sleep(0xFFFFFFFFu), 0; }

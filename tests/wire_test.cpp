@@ -154,16 +154,6 @@ TEST(Drip, ReadsAMessageThatComesInAnyPiecesAndNoneThatBreaksOff) {
     }
 }
 
-TEST(Drip, RefusesAWrongMarkBeforeWhatFollowsIt) {
-    for (const std::string& mark : {"quil"s, "QUI\0"s, "XUIL"s, "END?"s}) {
-        Stream header, footer;
-        header.input = footer.input = mark + "\xFF\xFD\xFF\xFD\0\0\0\4"s;
-        std::uint32_t type, version;
-        EXPECT_FALSE(header.unmarshallHeader(type, version) || footer.unmarshallFooter());
-        EXPECT_EQ(header.bytesRead(), 4u);
-    }
-}
-
 TEST(Drip, LeavesTheCharactersOfATextThatDoesNotFit) {
     Stream stream;
     stream.input = "\0\0\0\36"s + std::string(30, 'a') + "\0\0\0\37"s + std::string(31, 'b');

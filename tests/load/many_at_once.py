@@ -17,8 +17,8 @@ import socket
 import subprocess
 import sys
 import tempfile
-import threading
 import time
+from concurrent.futures import ThreadPoolExecutor, wait
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 NOBODY = 65534
@@ -64,34 +64,20 @@ def judge(number, status, body):
     return "answered" if whole and own and not code else "wrong"
 
 
-class Load:
-    def __init__(self, port, requests):
-        self.port, self.left, self.lock = port, iter(range(requests)), threading.Lock()
-        self.results, self.examples = collections.Counter(), []
-
-    def work(self):
-        while True:
-            with self.lock:
-                number = next(self.left, None)
-            if number is None:
-                return
-            body = f"token-{number}-" + "x" * random.randrange(5000) if number % 3 == 0 else None
-            connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=60)
-            try:
-                connection.request("GET" if body is None else "POST",
-                                   f"/cgi-bin/shop/{'form' if body else ''}?q=token-{number}-", body,
-                                   {"Connection": "close"})
-                response = connection.getresponse()
-                text = response.read().decode("latin-1")
-                result = judge(number, response.status, text)
-            except (OSError, http.client.HTTPException) as error:
-                result, text = "wrong", repr(error)
-            finally:
-                connection.close()
-            with self.lock:
-                self.results[result] += 1
-                if result == "wrong" and len(self.examples) < 3:
-                    self.examples.append(f"request {number}: {text[:600]}")
+def ask(port, number):
+    """What became of a request, and the answer."""
+    body = f"token-{number}-" + "x" * random.randrange(5000) if number % 3 == 0 else None
+    method, page = ("GET", "") if body is None else ("POST", "form")
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=60)
+    try:
+        connection.request(method, f"/cgi-bin/shop/{page}?q=token-{number}-", body, {"Connection": "close"})
+        response = connection.getresponse()
+        text = response.read().decode("latin-1")
+        return judge(number, response.status, text), text
+    except (OSError, http.client.HTTPException) as error:
+        return "wrong", repr(error)
+    finally:
+        connection.close()
 
 
 def processes_with(text):
@@ -131,18 +117,17 @@ def main():
     wait_for(port)
     open_before = len(os.listdir(f"/proc/{servers[0].process.pid}/fd"))
 
-    load = Load(port, requests)
-    workers = [threading.Thread(target=load.work) for _ in range(at_once)]
     start = time.monotonic()
-    for worker in workers:
-        worker.start()
     stops = 0
-    while any(worker.is_alive() for worker in workers):
-        time.sleep(1)
-        servers[1].stop()
-        time.sleep(0.3)
-        servers[1].start()
-        stops += 1
+    with ThreadPoolExecutor(at_once) as pool:
+        asked = [pool.submit(ask, port, number) for number in range(requests)]
+        while wait(asked, timeout=1).not_done:
+            servers[1].stop()
+            time.sleep(0.3)
+            servers[1].start()
+            stops += 1
+    answers = [one.result() for one in asked]
+    results = collections.Counter(result for result, _ in answers)
     seconds = time.monotonic() - start
 
     time.sleep(1)
@@ -156,16 +141,15 @@ def main():
     shutil.rmtree(base)
 
     print(f"{requests} requests, {at_once} at once, in {seconds:.0f} s; one server stopped {stops} times")
-    for result, count in sorted(load.results.items()):
+    for result, count in sorted(results.items()):
         print(f"  {result}: {count}")
     print(f"  gateways left: {len(left)}; descriptors of a server: {open_before} before, {open_after} after")
-    for example in load.examples:
-        print(example)
+    for example in [text for result, text in answers if result == "wrong"][:3]:
+        print("wrong:", example[:600])
     if complaints:
         print("Apache says:\n" + complaints[:1000])
-    answered = load.results["answered"]
-    fine = load.results["wrong"] == 0 and not left and not complaints and open_after <= open_before
-    return 0 if fine and sum(load.results.values()) == requests and answered > requests * 0.9 else 1
+    fine = results["wrong"] == 0 and not left and not complaints and open_after <= open_before
+    return 0 if fine and results["answered"] > requests * 0.9 else 1
 
 
 if __name__ == "__main__":

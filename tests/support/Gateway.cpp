@@ -19,12 +19,7 @@ std::vector<std::string> namesIn(const std::string& folder) {
     return names;
 }
 
-}  // namespace
-
-std::string entry(std::uint16_t port) {
-    return "127.0.0.1," + std::to_string(port);
-}
-
+// The built-in error page, with the line that introduces it.
 std::string errorPage(int code, const std::string& detail) {
     static const std::map<int, std::string> texts = {
         {601, "Unable to initialize the client's environment."},
@@ -38,6 +33,12 @@ std::string errorPage(int code, const std::string& detail) {
     return "Content-type: text/html\r\n\r\n"
            "<html><head><title>Client Error</title></head><body><h3>Client/Plug-in Error</h3>Error Code: " +
            std::to_string(code) + "<br /><p>" + texts.at(code) + "</p><p>" + detail + "</p></body></html>";
+}
+
+}  // namespace
+
+std::string entry(std::uint16_t port) {
+    return "127.0.0.1," + std::to_string(port);
 }
 
 GatewayTest::GatewayTest() {

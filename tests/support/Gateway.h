@@ -15,15 +15,6 @@
 
 namespace support {
 
-// Whether this build counts shadow memory and the like into every number about memory.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kAddressSanitizer = true;
-#elif defined(__has_feature)
-constexpr bool kAddressSanitizer = __has_feature(address_sanitizer);
-#else
-constexpr bool kAddressSanitizer = false;
-#endif
-
 // A well-behaved answer and what the gateway, parsed-header mode, makes of it.
 inline const std::vector<std::string> kAnswer = {
     wire::header("HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\n\r\n"), wire::body("hello"), wire::end()};
@@ -31,9 +22,6 @@ inline const std::string kAnswerOutput = "Content-Type: text/plain\r\n\r\nhello"
 
 // "127.0.0.1,port", a server entry without an identifier.
 std::string entry(std::uint16_t port);
-
-// The built-in error page, with the line that introduces it.
-std::string errorPage(int code, const std::string& detail);
 
 class GatewayTest : public ::testing::Test {
   protected:

@@ -50,11 +50,6 @@ void runChild(const Command& command, char* const* arguments, char* const* envir
     if (!command.directory.empty() && ::chdir(command.directory.c_str()) != 0) return;
     const bool changesUser = command.user != static_cast<uid_t>(-1);
     if (changesUser && (::setgid(command.user) != 0 || ::setuid(command.user) != 0)) return;
-    for (const auto& [resource, value] : command.limits) {
-        const rlimit limit = {value, value};
-        // The C library takes the resource as an enumeration of its own, in C++ only.
-        if (::setrlimit(static_cast<__rlimit_resource>(resource), &limit) != 0) return;
-    }
     ::execve(command.program.c_str(), arguments, environment);
 }
 

@@ -2,7 +2,6 @@
 // limits and end.
 #pragma once
 
-#include <sys/resource.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 
@@ -17,15 +16,14 @@
 namespace support {
 
 struct Command {
-    std::string program;                         // the file to run
-    std::vector<std::string> arguments;          // the whole vector, the program's name included
-    std::vector<std::string> environment;        // all of it, "NAME=value"; nothing is inherited
-    std::string directory;                       // working directory; empty: the test's own
-    std::string input;                           // the whole standard input
-    std::set<int> closed;                        // which of the descriptors 0, 1 and 2 are not open at all
-    std::vector<std::pair<int, rlim_t>> limits;  // RLIMIT_...: soft and hard limit
-    std::vector<int> ignoredSignals;             // all others start with their default action
-    uid_t user = static_cast<uid_t>(-1);         // user and group to run as, when the test may change them
+    std::string program;                   // the file to run
+    std::vector<std::string> arguments;    // the whole vector, the program's name included
+    std::vector<std::string> environment;  // all of it, "NAME=value"; nothing is inherited
+    std::string directory;                 // working directory; empty: the test's own
+    std::string input;                     // the whole standard input
+    std::set<int> closed;                  // which of the descriptors 0, 1 and 2 are not open at all
+    std::vector<int> ignoredSignals;       // all others start with their default action
+    uid_t user = static_cast<uid_t>(-1);   // user and group to run as, when the test may change them
 };
 
 struct Outcome {

@@ -165,6 +165,11 @@ std::vector<ScriptedPeer::Visit>& ScriptedPeer::visits() {
     return visits_;
 }
 
+ScriptedPeer::Visit& ScriptedPeer::onlyVisit() {
+    if (visits().size() != 1) throw std::logic_error(std::to_string(visits_.size()) + " visits, not one");
+    return visits_.front();
+}
+
 DeadPort::DeadPort(std::uint16_t port) : descriptor_(openSocket()), port_(bindLoopback(descriptor_, port)) {}
 
 }  // namespace support

@@ -73,6 +73,8 @@ class ScriptedPeer {
 
     // All visits so far: whoever has connected is served to the end first.
     std::vector<Visit>& visits();
+    // The only one so far; throws std::logic_error when there was another number.
+    Visit& onlyVisit();
 
   private:
     void start();
