@@ -35,7 +35,7 @@ rounds() {
 # build_targets FOLDER TARGETS [OPTION...]
 build_targets() {
     say "building $2 in $1"
-    quietly cmake -B "$1" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELARTO_BUILD_BENCH=ON \
+    quietly cmake -B "$1" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELARTO_BUILD_BENCH=ON -DVELARTO_BUILD_ADMIN=OFF \
         -DVELARTO_BUILD_TESTS=OFF -DVELARTO_BUILD_DEVSERVER=OFF "${@:3}" || die "cannot configure"
     # shellcheck disable=SC2086 # several targets
     cmake --build "$1" --target $2 -- --quiet || die "cannot build"
