@@ -17,7 +17,7 @@ std::string ruleText(ConfigPathRule rule) {
         case ConfigPathRule::kProfile:
             return "VELARTO_PATH in .profile or .cshrc of the user velarto";
         default:
-            return "the default: VELARTO_PATH is set neither in the environment nor by the user velarto";
+            return "the default: VELARTO_PATH is set nowhere";
     }
 }
 

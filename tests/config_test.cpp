@@ -251,7 +251,7 @@ TEST_F(Config, WhatCannotBeUsedIsRefusedInOneLineAndNothingChanges) {
 
 TEST_F(Config, AFullDiskLeavesTheFile) {
     support::Command full = command({"set", "shop", "DOCUMENTPATH", "/srv"});
-    full.arguments.insert(full.arguments.begin(), {"bash", "-c", "trap '' XFSZ; ulimit -f 0; exec \"$@\""});
+    full.arguments.insert(full.arguments.begin(), {"bash", "-c", "trap '' XFSZ; ulimit -f 0; exec \"$@\"", "bash"});
     full.program = "/bin/bash";
     expectRefusal(support::run(full, 20s), "cannot be written: File too large", kFile);
 }
