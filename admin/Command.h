@@ -30,6 +30,8 @@ void addPath(CLI::App& app, Request& request);
 void addCheck(CLI::App& app, Request& request);
 void addList(CLI::App& app, Request& request);
 void addShow(CLI::App& app, Request& request);
+void addServers(CLI::App& app, Request& request);
+void addTry(CLI::App& app, Request& request);
 void addEdit(CLI::App& app, Request& request);  // set, unset, add, remove
 
 // Prints a JSON document; bytes that are no UTF-8 become replacement characters.

@@ -2,7 +2,6 @@
 
 #include <strings.h>
 
-#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -45,12 +44,6 @@ bool isInExtensionList(const char* extension, const char* list) {
         piece += std::strspn(piece, kSeparators);
     }
     return false;
-}
-
-// Seconds as milliseconds; what would not fit waits as long as can be counted.
-std::uint32_t millisecondsFrom(const CText& seconds) {
-    constexpr std::uint32_t kLongest = 0xFFFFFFFFu / 1000;
-    return std::min(seconds.GetTextAsULong(), kLongest) * 1000;
 }
 
 bool clientSetting(const char* key) {
@@ -144,7 +137,7 @@ bool ReadClientConfig(bool report) {
     }
 
     CText value;
-    if (configStanza->getValue("CLIENTIOTIMEOUT", value)) ClientRrWrTimeout = millisecondsFrom(value);
+    if (configStanza->findValue("CLIENTIOTIMEOUT")) ClientRrWrTimeout = ReadWriteTimeoutOf(*configStanza);
     if (configStanza->getValue("DOCUMENTPATH", value)) DocumentPath = value;
     if (configStanza->getValue("REGISTER_EXTNS", value)) RegisteredExtensions = value;
     return true;

@@ -1,5 +1,6 @@
 #include "client/ConfigClnt.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <new>
@@ -118,6 +119,13 @@ CText& ServerListOf(Stanza& stanza, CText& list) {
     if (list.IsEmpty()) serverListFromHostAndPorts(stanza, list);
     acceptColonInsideEntries(list);
     return list;
+}
+
+std::uint32_t ReadWriteTimeoutOf(Stanza& stanza) {
+    constexpr std::uint32_t kLongest = 0xFFFFFFFFu / 1000;
+    CText seconds;
+    stanza.getValue("CLIENTIOTIMEOUT", seconds);
+    return std::min(seconds.GetTextAsULong(), kLongest) * 1000;
 }
 
 bool IsTrueValue(Stanza& stanza, const char* key) {

@@ -1,6 +1,8 @@
 // What the client needs from its section of the configuration file.
 #pragma once
 
+#include <cstdint>
+
 #include "Server/Common_Classes/UText.h"
 #include "config/ConfigFile.h"
 
@@ -24,6 +26,10 @@ ClientConfigResult ProcessClientConfig(ConfigFile* file, const CText& clientName
 // The server list that the section means, whatever form it is written in; the section stays as it is. Empty
 // when it has none. Returns list.
 CText& ServerListOf(Stanza& stanza, CText& list);
+
+// The section's CLIENTIOTIMEOUT in milliseconds, 0 without one; what would not fit waits as long as can be
+// counted.
+std::uint32_t ReadWriteTimeoutOf(Stanza& stanza);
 
 // A truth value: true when the section has the key and its value begins with one of "YyTt1".
 bool IsTrueValue(Stanza& stanza, const char* key);

@@ -1,0 +1,142 @@
+// velarto-config servers: the application servers of a client, and whether they answer.
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <optional>
+
+#include "Command.h"
+#include "Configuration.h"
+#include "Probe.h"
+#include "ServerEntry.h"
+#include "client/ConfigClnt.h"
+#include "common/Text.h"
+
+namespace {
+
+constexpr std::uint32_t kLongestLimit = 60 * 60 * 1000;  // milliseconds
+
+struct Options {
+    std::string client;
+    bool probe = false;
+    std::uint32_t timeout = kConnectLimit;
+};
+
+struct Result {
+    ServerEntry entry;
+    std::optional<Probe> probe;  // none was asked for, or is possible
+
+    bool answers() const { return probe && probe->fault.empty(); }
+};
+
+std::vector<ServerEntry> serversOf(const Request& request, const std::string& client) {
+    const std::unique_ptr<ConfigFile> file = load(locate(request).path);
+    CText list;
+    return entriesOf(ServerListOf(sectionOf(*file, client), list).GetTextEx());
+}
+
+// One line that is overwritten, for whoever watches.
+void showProgress(const std::string& text) {
+    static const bool isWatched = isatty(STDERR_FILENO) == 1;
+    if (isWatched) std::cerr << "\r\x1B[K" << text << std::flush;
+}
+
+std::vector<Result> resultsOf(std::vector<ServerEntry> entries, const Options& options) {
+    std::vector<Result> results;
+    for (ServerEntry& entry : entries) {
+        Result result{std::move(entry), std::nullopt};
+        if (options.probe && result.entry.fault.empty()) {
+            showProgress(format("probing %zu of %zu: ", results.size() + 1, entries.size()) +
+                         shown(result.entry.text));
+            result.probe = probe(result.entry.host, result.entry.port, options.timeout);
+        }
+        results.push_back(std::move(result));
+    }
+    showProgress("");
+    return results;
+}
+
+std::string padded(std::string text, std::size_t width) {
+    text.resize(std::max(text.size(), width), ' ');
+    return text;
+}
+
+std::string verdict(const Result& result) {
+    if (!result.entry.fault.empty()) return "cannot be used: " + shown(result.entry.fault);
+    if (!result.probe) return "";
+    const std::string time = textOf(result.probe->time);
+    return result.answers() ? "answers after " + time : "fails after " + time + ": " + result.probe->fault;
+}
+
+void printTable(const std::vector<Result>& results) {
+    std::size_t sidWidth = 1;
+    std::size_t endpointWidth = 1;
+    const auto endpointOf = [](const ServerEntry& entry) {
+        return shown(entry.host.empty() ? entry.text : entry.host + " " + entry.port);
+    };
+    for (const Result& result : results) {
+        sidWidth = std::max(sidWidth, shown(result.entry.sid).size());
+        endpointWidth = std::max(endpointWidth, endpointOf(result.entry).size());
+    }
+    for (const Result& result : results) {
+        const std::string sid = result.entry.sid.empty() ? "-" : shown(result.entry.sid);
+        const std::string line = padded(sid, sidWidth) + "  " +
+                                 padded(endpointOf(result.entry), endpointWidth) + "  " + verdict(result);
+        std::cout << line.substr(0, line.find_last_not_of(' ') + 1) << '\n';
+    }
+}
+
+Json jsonOf(const Result& result) {
+    const ServerEntry& entry = result.entry;
+    Json json{{"entry", entry.text}, {"sid", entry.sid}, {"host", entry.host}, {"port", entry.port}};
+    json["usable"] = entry.fault.empty();
+    if (!entry.fault.empty()) json["fault"] = entry.fault;
+    if (!result.probe) return json;
+    json["answers"] = result.answers();
+    json["milliseconds"] = result.probe->time.count();
+    if (!result.answers()) json["fault"] = result.probe->fault;
+    return json;
+}
+
+int listServers(const Request& request, const Options& options) {
+    const std::vector<Result> results = resultsOf(serversOf(request, options.client), options);
+    const auto fine = std::count_if(results.begin(), results.end(), [&](const Result& result) {
+        return options.probe ? result.answers() : result.entry.fault.empty();
+    });
+    const std::size_t n = results.size();
+    if (request.json) {
+        Json servers = Json::array();
+        for (const Result& result : results)
+            servers.push_back(jsonOf(result));
+        Json document{{"client", options.client}, {"servers", servers}};
+        document[options.probe ? "answering" : "usable"] = fine;
+        print(document);
+    } else {
+        printTable(results);
+        if (n == 0) {
+            std::cout << "the client has no server list\n";
+        } else if (options.probe) {
+            std::cout << fine << " of " << n << (n == 1 ? " server answers\n" : " servers answer\n");
+        }
+    }
+    return n != 0 && static_cast<std::size_t>(fine) == n ? kFine : kFindings;
+}
+
+}  // namespace
+
+void addServers(CLI::App& app, Request& request) {
+    const auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand("servers", "List a client's application servers, and try them");
+    command->add_option("client", options->client, "the client's name")->type_name("CLIENT")->required();
+    command->add_flag("--probe", options->probe, "connect to each, one after the other; nothing is sent");
+    command->add_option("--timeout", options->timeout, "how long a server has to answer")
+        ->type_name("MS")
+        ->capture_default_str()
+        ->check(CLI::Range(std::uint32_t{1}, kLongestLimit).description(""))
+        ->needs("--probe");
+    command->footer("Exit status 1: an entry cannot be used, or a server does not answer.");
+    command->callback([&request, options] {
+        request.command = [&request, options] { return listServers(request, *options); };
+    });
+}
