@@ -16,7 +16,7 @@ enum ClientConfigResult {
 constexpr char kDefaultIniFile[] = "clients.ini";
 constexpr char kDirectoryStanza[] = "Velarto Client Definitions";  // lists the clients' sections
 constexpr char kServerKey[] = "VELARTO_SERVER";
-constexpr char kDefaultServer[] = "127.0.0.1,18155";  // of a client that has none yet
+constexpr char kDefaultServer[] = "127.0.0.1,18155";  // of a section that is added
 
 // Parses the file and finds the client's section, which the file keeps owning. A missing section is added
 // with a server on this machine, and one of the older form (VELARTO_HOST, VELARTO_PORT) gets its server list;

@@ -172,10 +172,13 @@ bool ConfigParser::mayBe(const CText& wanted) const {
 }
 
 bool ConfigParser::nextHeader() {
+    while (inStanza_)
+        takeAttribute(false);
+    if (*error_.reason != '\0') return false;
     ConfigTokenizer::Token token = tokens_.getToken(false);
     while (token == ConfigTokenizer::kEndOfLine)
         token = tokens_.getToken(false);
-    inHeader_ = token == ConfigTokenizer::kStanzaHeader;
+    inStanza_ = inHeader_ = token == ConfigTokenizer::kStanzaHeader;
     if (inHeader_) return true;
     if (token == ConfigTokenizer::kEndOfFile) return false;
     return fail("outside of a section: only comments, empty lines and [section] headers are allowed here");
@@ -202,7 +205,7 @@ bool ConfigParser::readBody(Stanza* stanza) {
 }
 
 bool ConfigParser::nextAttribute() {
-    return takeAttribute(true);
+    return inStanza_ && takeAttribute(true);
 }
 
 bool ConfigParser::endHeader() {
@@ -221,6 +224,7 @@ bool ConfigParser::takeAttribute(bool wanted) {
     switch (tokens_.getToken(false)) {
         case ConfigTokenizer::kEndOfLine:
         case ConfigTokenizer::kEndOfFile:
+            inStanza_ = false;
             return false;
         case ConfigTokenizer::kKey:
             break;
@@ -243,6 +247,7 @@ bool ConfigParser::takeAttribute(bool wanted) {
 }
 
 bool ConfigParser::fail(const char* reason) {
+    inStanza_ = false;
     error_.reason = reason;
     tokens_.locate(error_.line, error_.column);
     return false;

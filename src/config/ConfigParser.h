@@ -89,8 +89,10 @@ class ConfigParser {
     std::unique_ptr<Stanza> findStanza(const CText& name);
 
     // ---- the same step by step, for a caller who wants to know where things stand ----
-    bool nextHeader();     // to the next stanza; false at the end of the file and after an error
-    bool nextAttribute();  // to its next attribute; false at the stanza's end and after an error
+    // To the next stanza, over what is left of the one before; false at the end of the file, and for good
+    // after an error.
+    bool nextHeader();
+    bool nextAttribute();  // to its next attribute; false outside of a stanza, so also after an error
 
     // Of the header taken last, while no attribute of it was; of the attribute taken last. The texts are valid
     // until the next step, and so is that of value() until its next call.
@@ -119,7 +121,8 @@ class ConfigParser {
 
     const MemoryWatch memory_;
     ConfigTokenizer tokens_;
-    bool inHeader_ = false;  // its line was not ended yet
+    bool inStanza_ = false;  // its end was not reached yet
+    bool inHeader_ = false;  // nor that of its first line
     CText key_;
     std::uint32_t keyOffset_ = 0;
     ParseError error_;

@@ -18,7 +18,7 @@
 // it never shuts it down or closes it, and must not be used once the original is gone. Assigning to a socket
 // first closes the descriptor that it owns, unless it is the one assigned.
 //
-// Threads: one at a time. castToIP of a name and getAddressAsIP use the C library's static buffers.
+// Threads: one at a time. getAddressAsIP uses the C library's static buffer.
 class Socket {
   public:
     Socket();

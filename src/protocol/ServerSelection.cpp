@@ -86,8 +86,10 @@ bool QuilClient::connectToChosenServer(const TQuilRequest* request, Stanza& clie
     clientSection.getAttribute("VELARTO_SERVER", servers);
     servers.getValue(serverEntry_);
     const std::uint32_t n = servers.getValueListElementCount();
-    choice_ = ServerChoice::kOnly;
-    if (request == nullptr || n == 1) return connectToServer(serverEntry_.GetTextEx());
+    if (request == nullptr || n == 1) {
+        choice_ = ServerChoice::kOnly;
+        return connectToServer(serverEntry_.GetTextEx());
+    }
 
     addRouteCookie_ = true;
     CText argumentName;
@@ -123,7 +125,6 @@ bool QuilClient::connectToUsersServer(const TQuilRequest* request, const Attribu
     if (!bySid && (refIp.IsEmpty() || refPort.IsEmpty())) return false;
     CText key;
     key.Format("%s,%s", refIp.GetTextEx(), refPort.GetTextEx());
-    choice_ = ServerChoice::kUsers;
 
     CText element;
     for (std::uint32_t i = 0; i < n; ++i) {
@@ -137,6 +138,7 @@ bool QuilClient::connectToUsersServer(const TQuilRequest* request, const Attribu
         } else {
             resetSID();
         }
+        choice_ = ServerChoice::kUsers;
         if (connectToServer(fields.host, fields.port)) return true;
         lastFailed = i;
     }
@@ -147,7 +149,6 @@ bool QuilClient::connectToUsersServer(const TQuilRequest* request, const Attribu
 bool QuilClient::connectToRandomServer(const Attribute& servers, std::uint32_t n, std::uint32_t lastFailed) {
     const std::unique_ptr<bool[]> tried(new (std::nothrow) bool[n]());
     if (tried == nullptr) return false;
-    choice_ = ServerChoice::kRandom;
     srandom(static_cast<unsigned>(std::time(nullptr)));
     for (std::uint32_t turn = 0; turn < n; ++turn) {
         auto r = static_cast<std::uint32_t>(static_cast<unsigned long>(random()) % n);
@@ -156,7 +157,9 @@ bool QuilClient::connectToRandomServer(const Attribute& servers, std::uint32_t n
         tried[r] = true;
         if (r == lastFailed) continue;
         takeElement(servers, r, serverEntry_);
-        if (!serverEntry_.IsEmpty() && connectToServer(serverEntry_.GetTextEx())) return true;
+        if (serverEntry_.IsEmpty()) continue;
+        choice_ = ServerChoice::kRandom;
+        if (connectToServer(serverEntry_.GetTextEx())) return true;
     }
     return false;
 }
