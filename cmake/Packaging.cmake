@@ -26,7 +26,7 @@ changes the configuration, and the client library with its headers.")
 set(CPACK_DEBIAN_PACKAGE_SECTION web)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS httpd-cgi)
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "apache2 | httpd-cgi")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "g++, pkg-config")  # to build a host program
 
 include(CPack)
