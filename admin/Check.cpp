@@ -8,21 +8,31 @@
 
 namespace {
 
+// Where a character begins, at i or at most three bytes behind it; bytes that are no UTF-8 may end anywhere.
+std::size_t characterFrom(const std::string& text, std::size_t i) {
+    const std::size_t last = std::min(i + 3, text.size());
+    while (i < last && !beginsCharacter(text[i]))
+        ++i;
+    return std::min(i, text.size());
+}
+
 // As compilers do, so that editors can follow it.
 void printFinding(const std::string& path, const Outline& outline, const Finding& finding) {
     const auto& [line, column] = finding.place;
-    std::cout << shown(path) << ':';
-    if (line != 0) std::cout << line << ':' << column << ':';
-    std::cout << (finding.isError ? " error: " : " warning: ") << finding.message << '\n';
+    const std::string severity = finding.isError ? "error: " : "warning: ";
+    std::cout << faultText(path, finding.place, severity + finding.message) << '\n';
     if (line != 0) {
         const std::string number = std::to_string(line);
         const std::string text(outline.line(line));
         const std::string before = shown(text.substr(0, column - 1));
         constexpr std::size_t kWidth = 90;  // of a terminal, less what stands around
-        const std::size_t skipped = before.size() > kWidth / 2 ? before.size() - kWidth / 2 : 0;
-        std::cout << "    " << number << " | " << shown(text).substr(skipped, kWidth) << "\n    "
-                  << std::string(number.size(), ' ') << " | " << std::string(before.size() - skipped, ' ')
-                  << "^\n";
+        const std::string whole = shown(text);
+        const std::size_t begin =
+            characterFrom(whole, before.size() > kWidth / 2 ? before.size() - kWidth / 2 : 0);
+        const std::size_t end = characterFrom(whole, begin + kWidth);
+        std::cout << "    " << number << " | " << whole.substr(begin, end - begin) << "\n    "
+                  << std::string(number.size(), ' ') << " | "
+                  << std::string(widthOf(before.substr(begin)), ' ') << "^\n";
     }
     std::cout << "    remedy: " << finding.remedy << '\n';
 }
@@ -53,14 +63,13 @@ int check(const Request& request) {
         Json list = Json::array();
         for (const Finding& finding : findings)
             list.push_back(toJson(outline, finding));
-        print({{"path", path}, {"parses", outline.errors().empty()}, {"findings", list}});
+        print({{"path", path}, {"parses", outline.parses()}, {"findings", list}});
     } else {
         for (const Finding& finding : findings)
             printFinding(path, outline, finding);
         std::cout << shown(path) << ": " << counted(outline.sections().size(), "section") << ", "
                   << counted(errors, "error") << ", " << counted(findings.size() - errors, "warning") << '\n';
-        if (!outline.errors().empty())
-            std::cout << "The gateway refuses this file: every client gets error 601.\n";
+        if (!outline.parses()) std::cout << "The gateway refuses this file: every client gets error 601.\n";
     }
     return findings.empty() ? kFine : kFindings;
 }

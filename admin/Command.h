@@ -39,3 +39,9 @@ void print(const Json& document);
 
 // Text from the configuration or from a server, fit for a terminal: control characters as \xNN.
 std::string shown(const std::string& text);
+
+bool beginsCharacter(char c);  // no further byte of a character in UTF-8
+
+// How many columns of a terminal the text takes (UTF-8), and the text with blanks up to that many.
+std::size_t widthOf(const std::string& text);
+std::string padded(const std::string& text, std::size_t width);

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "client/ConfigClnt.h"
+#include "common/Text.h"
 #include "config/LockedFile.h"
 
 namespace {
@@ -21,11 +22,15 @@ std::string ruleText(ConfigPathRule rule) {
     }
 }
 
-std::string namesOfSections(ConfigFile& file) {
+std::string namesOfClients(const Outline& outline) {
+    constexpr std::size_t kMost = 20;
     std::string names;
-    CText name;
-    for (std::uint32_t i = 0; file.getStanzaInformationIndex(i, name); ++i)
-        names += (names.empty() ? "" : ", ") + shown(name.GetTextEx());
+    std::size_t count = 0;
+    for (const OutlineSection& section : outline.sections()) {
+        if (isClient(outline, section) && ++count <= kMost)
+            names += (names.empty() ? "" : ", ") + shown(section.name.text);
+    }
+    if (count > kMost) names += " and " + std::to_string(count - kMost) + " more";
     return names.empty() ? "none" : names;
 }
 
@@ -64,21 +69,37 @@ std::string contentOf(const std::string& path) {
 }
 
 std::unique_ptr<ConfigFile> load(const std::string& path) {
-    requireRegularFile(path);
+    contentOf(path);  // or tell why it cannot be had
     auto file = std::make_unique<ConfigFile>(path.c_str(), kDirectoryStanza);
     if (file->parseConfigFile()) return file;
     const ParseError error = file->lastParseError();
-    std::string text = shown(path) + ":";
-    if (error.line != 0) text += std::to_string(error.line) + ":" + std::to_string(error.column) + ":";
-    text += std::string(" ") + error.reason;
+    std::string text = faultText(path, {error.line, error.column}, error.reason);
     if (error.systemError != 0) text += std::string(": ") + std::strerror(error.systemError);
     throw Failure(text);
 }
 
-Stanza& sectionOf(ConfigFile& file, const std::string& client) {
+Outline faultlessOutline(const std::string& path) {
+    Outline outline(contentOf(path));
+    for (const SyntaxError& error : outline.errors())
+        throw Failure(faultText(path, error.place, error.reason));
+    return outline;
+}
+
+bool isClient(const Outline& outline, const OutlineSection& section) {
+    const std::string& name = section.name.text;
+    return !name.empty() && outline.find(name) == &section && !sameName(name, kDirectoryStanza);
+}
+
+std::string faultText(const std::string& path, Place place, const std::string& reason) {
+    const std::string where = place.line != 0 ? format("%u:%u:", place.line, place.column) : "";
+    return shown(path) + ":" + where + " " + reason;
+}
+
+Stanza& sectionOf(ConfigFile& file, const std::string& path, const std::string& client) {
     Stanza* section = file.getStanza(client.c_str());
     if (section == nullptr || sameName(client, kDirectoryStanza))
-        throw Failure("no client '" + shown(client) + "'; there are: " + namesOfSections(file));
+        throw Failure("no client '" + shown(client) +
+                      "'; there are: " + namesOfClients(faultlessOutline(path)));
     return *section;
 }
 

@@ -22,8 +22,19 @@ std::string contentOf(const std::string& path);
 // The file, parsed. Failure: it cannot be read or the gateway would refuse it; the text tells where and why.
 std::unique_ptr<ConfigFile> load(const std::string& path);
 
-// The client's section, owned by the file. Failure: there is none; the text names those there are.
-Stanza& sectionOf(ConfigFile& file, const std::string& client);
+// The file's outline. Failure: the file cannot be read or has an error, so that what stands in it cannot be
+// told for sure.
+Outline faultlessOutline(const std::string& path);
+
+// Whether the section is the one that a client uses: named, the first of its name, and not the directory.
+bool isClient(const Outline& outline, const OutlineSection& section);
+
+// What is wrong at that place of the file, after "path:line:column:"; line 0: with the file as a whole.
+std::string faultText(const std::string& path, Place place, const std::string& reason);
+
+// The client's section, owned by the file from that path. Failure: there is none; the text names those there
+// are.
+Stanza& sectionOf(ConfigFile& file, const std::string& path, const std::string& client);
 
 // The servers that the section means, in the form of VELARTO_SERVER; empty when there are none.
 std::string serverListOf(const OutlineSection& section);

@@ -34,9 +34,27 @@ Outline outlineOf(Stanza& section) {
     return Outline(std::string(bytes, size));
 }
 
+// The first text that the gateway reads without its end; null when there is none.
+const PlacedText* cutTextIn(const Outline& outline) {
+    for (const OutlineSection& section : outline.sections()) {
+        if (section.name.isCut) return &section.name;
+        for (const OutlineAttribute& attribute : section.attributes) {
+            if (attribute.key.isCut) return &attribute.key;
+            if (attribute.value.isCut) return &attribute.value;
+        }
+    }
+    return nullptr;
+}
+
 // What must not be lost or come into the file unawares; --force writes all the same.
 void examine(const std::string& path, const Outline& before, const Outline& after) {
-    const auto comments = Outline(contentOf(path)).linesWithComments();
+    const Outline file(contentOf(path));
+    const PlacedText* cut = cutTextIn(file);
+    if (cut != nullptr)
+        throw Failure(faultText(path, cut->place,
+                                "the file is written anew, without the part of this that the gateway does "
+                                "not read; --force writes it"));
+    const auto comments = file.linesWithComments();
     if (!comments.empty())
         throw Failure(shown(path) + ":" + std::to_string(comments.front()) +
                       ": the file is written anew, without its " +
@@ -83,6 +101,12 @@ void requireName(const std::string& client) {
             "': a name is not empty, begins with no blank, holds no = ; [ or ] and at most 254 characters");
 }
 
+// The library adds and removes no client without it.
+void requireDirectory(ConfigFile& file, const std::string& path) {
+    if (!file.findStanza(kDirectoryStanza))
+        throw Failure(shown(path) + ": has no section [" + kDirectoryStanza + "], the list of clients");
+}
+
 [[noreturn]] void failToWrite(const std::string& path, int cause) {
     throw Failure(shown(path) + ": cannot be written" +
                   (cause != 0 ? std::string(": ") + std::strerror(cause) : ""));
@@ -106,7 +130,7 @@ int written(const Request& request, const std::string& path, const std::string& 
 int set(const Request& request, const Change& change) {
     const std::string path = locate(request).path;
     const auto file = load(path);
-    Stanza& section = sectionOf(*file, change.client);
+    Stanza& section = sectionOf(*file, path, change.client);
     const Outline before = outlineOf(section);
     section.changeValue(change.key.c_str(), change.value.c_str());
     requireValue(section, change.key);
@@ -118,7 +142,7 @@ int set(const Request& request, const Change& change) {
 int unset(const Request& request, const Change& change) {
     const std::string path = locate(request).path;
     const auto file = load(path);
-    Stanza& section = sectionOf(*file, change.client);
+    Stanza& section = sectionOf(*file, path, change.client);
     const Outline before = outlineOf(section);
     if (!section.removeKey(change.key.c_str()))
         throw Failure("client '" + shown(change.client) + "' has no '" + shown(change.key) + "'");
@@ -133,8 +157,10 @@ int unset(const Request& request, const Change& change) {
 
 int add(const Request& request, const Change& change) {
     const std::string path = locate(request).path;
-    if (load(path)->findStanza(change.client.c_str()))
+    const auto present = load(path);
+    if (present->findStanza(change.client.c_str()))
         throw Failure("client '" + shown(change.client) + "' is there already");
+    requireDirectory(*present, path);
     auto section = std::make_unique<Stanza>(change.client.c_str());
     section->addValue(change.key.c_str(), change.value.c_str());
     requireName(change.client);
@@ -149,7 +175,9 @@ int add(const Request& request, const Change& change) {
 
 int remove(const Request& request, const Change& change) {
     const std::string path = locate(request).path;
-    sectionOf(*load(path), change.client);
+    const auto present = load(path);
+    sectionOf(*present, path, change.client);
+    requireDirectory(*present, path);
     if (!change.force) examine(path, Outline(""), Outline(""));
     ConfigFile file(path.c_str(), kDirectoryStanza);
     file.createDirectoryStanza();

@@ -1,7 +1,5 @@
 #include "Findings.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -12,6 +10,8 @@
 #include "Keys.h"
 #include "ServerEntry.h"
 #include "client/ConfigClnt.h"
+#include "common/Text.h"
+#include "protocol/FileContent.h"
 
 namespace {
 
@@ -24,6 +24,15 @@ bool isOneOf(const std::string& text, std::initializer_list<const char*> words) 
                        [&text](const char* word) { return sameName(text, word); });
 }
 
+bool endsInReturn(std::string_view text) {
+    return !text.empty() && text.back() == '\r';
+}
+
+// Without the blanks, and the carriage return of a line from elsewhere, at its end.
+std::string withoutEnd(const std::string& text) {
+    return text.substr(0, text.find_last_not_of(" \t\r") + 1);
+}
+
 bool isNumber(const std::string& text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
@@ -32,8 +41,10 @@ std::string quoted(const std::string& text) {
     return "'" + shown(text) + "'";
 }
 
-std::string onLine(const PlacedText& text) {
-    return "on line " + std::to_string(text.place.line);
+// Whether the name can stand as it is before the = of a line.
+bool canBeListed(const std::string& name) {
+    return !beginsWithOneOf(name, " \t") && name.find_first_of(";=[\\") == std::string::npos &&
+           !hasControlCharacter(name);
 }
 
 // Character i of the text, as near as can be told.
@@ -42,6 +53,9 @@ Place placeIn(const PlacedText& text, std::size_t i) {
     if (text.isVerbatim) place.column += static_cast<std::uint32_t>(i);
     return place;
 }
+
+constexpr char kEndLines[] =
+    "end the lines with a line feed alone; sed -i 's/\\r$//' does that for the whole file";
 
 // One look over an outline; each function below is about one kind of thing in it.
 class Inspection {
@@ -54,8 +68,7 @@ class Inspection {
             inspectError(error);
         inspectDirectory();
         for (const OutlineSection& section : outline_.sections()) {
-            inspectName(section);
-            if (&section != directory_) inspectClient(section);
+            if (inspectName(section) && &section != directory_) inspectClient(section);
         }
         std::stable_sort(findings_.begin(), findings_.end(), [](const Finding& a, const Finding& b) {
             return std::pair(a.place.line, a.place.column) < std::pair(b.place.line, b.place.column);
@@ -79,8 +92,11 @@ class Inspection {
         const std::string_view line = outline_.line(found.place.line);
         const std::string_view rest = line.substr(std::min<std::size_t>(found.place.column - 1, line.size()));
         const std::string_view start = line.substr(std::min(line.find_first_not_of(" \t"), line.size()));
-        if (!line.empty() && line.back() == '\r')
-            return "end the lines with a line feed alone; sed -i 's/\\r$//' does that for the whole file";
+        constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+        if (line.substr(0, kByteOrderMark.size()) == kByteOrderMark)
+            return "save the file as UTF-8 without a byte order mark; sed -i 's/^\\xEF\\xBB\\xBF//' removes "
+                   "it";
+        if (endsInReturn(line)) return kEndLines;
         if (start.substr(0, 1) == "#" || start.substr(0, 2) == "//") return "begin a comment with ;";
         if (start.empty()) return "leave no blanks on an empty line, or remove it";
         if (start[0] == '[' && rest.substr(0, 1) == "[") return "put an empty line before the header";
@@ -90,13 +106,14 @@ class Inspection {
         if (rest.substr(0, 1) == "=") return "write the key before the =";
         if (start.find('=') > 254) return "shorten the key";
         if (start.find_first_of(";[") < start.find('=')) return "a key holds no ; and no [";
-        return "the line belongs to no section: an empty line or a comment ends one; remove it above";
+        return "put the line below a section's header, without an empty line or a comment between them";
     }
 
     // ---- sections and the directory of them ----
 
     void inspectDirectory() {
         if (directory_ == nullptr) {
+            if (!outline_.errors().empty()) return;  // it may stand behind one
             warn({},
                  std::string("no section [") + kDirectoryStanza +
                      "], the list of clients: no client can be added",
@@ -113,24 +130,29 @@ class Inspection {
         }
     }
 
-    void inspectName(const OutlineSection& section) {
+    // Whether it is a section that the gateway can find.
+    bool inspectName(const OutlineSection& section) {
         const PlacedText& name = section.name;
         if (name.text.empty()) {
             warn(name.place, "the section's name is empty or longer than 254 characters",
-                 "give it a shorter name");
-            return;
+                 "give it a name of 1 to 254 characters");
+            return false;
         }
         if (name.isCut) warn(name.place, "the name ends at a NUL byte", "remove the NUL byte");
         const OutlineSection* counts = outline_.find(name.text);
         if (counts != &section) {
-            warn(name.place,
-                 "section [" + shown(name.text) + "] is there already, " + onLine(counts->name) +
-                     "; this one is never used",
-                 "join the two, or rename one");
-        } else if (directory_ != nullptr && counts != directory_ && directory_->find(name.text) == nullptr) {
-            warn(name.place, "section [" + shown(name.text) + "] is not listed in [" + kDirectoryStanza + "]",
-                 "add the line " + shown(name.text) + "= there");
+            warn(name.place, "section [" + shown(name.text) + "] is there already; this one is never used",
+                 "join it with that on " + lineOf(counts->name) + ", or rename one");
+            return false;
         }
+        const bool isMissed = directory_ != nullptr && directory_->isWhole && counts != directory_ &&
+                              directory_->find(name.text) == nullptr;
+        if (isMissed)
+            warn(name.place, "section [" + shown(name.text) + "] is not listed in [" + kDirectoryStanza + "]",
+                 canBeListed(name.text)
+                     ? "add the line " + name.text + "= there"
+                     : "give it a name without ; = [ \\ control characters and a blank in front");
+        return true;
     }
 
     // ---- a client's section ----
@@ -146,15 +168,14 @@ class Inspection {
     bool inspectRepeated(const OutlineAttribute& attribute, const OutlineSection& section) {
         const OutlineAttribute* counts = section.find(attribute.key.text);
         if (counts == &attribute || counts == nullptr) return false;
-        warn(attribute.key.place,
-             quoted(attribute.key.text) + " is there already, " + onLine(counts->key) +
-                 "; this one is never used",
-             "remove one of the two");
+        warn(attribute.key.place, quoted(attribute.key.text) + " is there already; this one is never used",
+             "remove this one or that on " + lineOf(counts->key));
         return true;
     }
 
     void inspectAttribute(const OutlineAttribute& attribute) {
         const auto& [name, value] = attribute;
+        if (name.isCut) warn(name.place, "the key ends at a NUL byte", "remove the NUL byte");
         const Key* key = findKey(name.text);
         if (key == nullptr) return inspectUnknown(name);
         if (value.isCut)
@@ -163,6 +184,7 @@ class Inspection {
         if (beginsWithOneOf(value.text, " \t"))
             warn(value.place, "the value begins with a blank, which belongs to it",
                  "leave no blank after the =");
+        inspectEnd(value);
         switch (key->kind) {
             case ValueKind::kTruth:
                 return inspectTruth(value);
@@ -177,13 +199,22 @@ class Inspection {
         }
     }
 
+    void inspectEnd(const PlacedText& value) {
+        const std::size_t end = withoutEnd(value.text).size();
+        if (end == value.text.size()) return;
+        const bool isReturn = endsInReturn(value.text);
+        warn(placeIn(value, end),
+             std::string("the value ends with a ") + (isReturn ? "carriage return" : "blank") +
+                 ", which belongs to it",
+             isReturn ? kEndLines : "leave no blank at the line's end");
+    }
+
     static std::string cutRemedy(const PlacedText& value) {
         return value.text.size() < 4095 ? "remove the NUL byte" : "shorten it: 4095 characters are kept";
     }
 
     void inspectUnknown(const PlacedText& name) {
-        std::string bare = name.text;
-        bare.erase(bare.find_last_not_of(" \t") + 1);
+        const std::string bare = withoutEnd(name.text);
         if (bare != name.text && findKey(bare) != nullptr) {
             warn(placeIn(name, bare.size()),
                  "a blank at the end makes " + quoted(name.text) + " another key, which nothing reads",
@@ -197,7 +228,7 @@ class Inspection {
     }
 
     void inspectTruth(const PlacedText& value) {
-        const std::string& text = value.text;
+        const std::string text = withoutEnd(value.text);
         if (text.empty() || beginsWithOneOf(text, "YyTt1")) return;
         if (isOneOf(text, {"n", "no", "f", "false", "0", "off", "none", "never", "disabled", "disable"}))
             return;
@@ -206,7 +237,7 @@ class Inspection {
     }
 
     void inspectSeconds(const PlacedText& value) {
-        const std::string& text = value.text;
+        const std::string text = withoutEnd(value.text);
         const unsigned long seconds = CText(text.c_str()).GetTextAsULong();
         if (!isNumber(text)) {
             warn(value.place,
@@ -221,7 +252,7 @@ class Inspection {
     }
 
     void inspectExtensions(const PlacedText& value) {
-        const std::size_t odd = value.text.find_first_of(". \t*");
+        const std::size_t odd = withoutEnd(value.text).find_first_of(". \t*");
         if (odd == std::string::npos) return;
         warn(placeIn(value, odd),
              "an extension with " + quoted(value.text.substr(odd, 1)) + " in it never matches",
@@ -229,8 +260,12 @@ class Inspection {
     }
 
     void inspectFile(const PlacedText& value) {
-        if (value.text.empty() || ::access(value.text.c_str(), R_OK) == 0) return;
-        warn(value.place, quoted(value.text) + " cannot be read: " + std::strerror(errno),
+        CData content;
+        std::uint32_t size = 0;
+        errno = 0;
+        if (value.text.empty() || ReadFileContent(value.text.c_str(), content, size)) return;
+        warn(value.place,
+             quoted(value.text) + " cannot be read: " + (errno != 0 ? std::strerror(errno) : "it is no file"),
              "name a file that the web server's user can read");
     }
 
@@ -238,7 +273,7 @@ class Inspection {
 
     void inspectServers(const OutlineSection& section) {
         const std::string list = serverListOf(section);
-        const OutlineAttribute* servers = section.find("VELARTO_SERVER");
+        const OutlineAttribute* servers = section.find(kServerKey);
         const OutlineAttribute* host = section.find("VELARTO_HOST");
         const OutlineAttribute* port = section.find("VELARTO_PORT");
         if (list.empty()) {

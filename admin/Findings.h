@@ -7,7 +7,7 @@
 #include "Outline.h"
 
 struct Finding {
-    bool isError = false;  // the gateway ends with error 601: for every client when the file does not parse
+    bool isError = false;  // clients cannot be served, or not by a server that is named for them
     Place place;           // line 0: of the file as a whole
     std::string message;
     std::string remedy;

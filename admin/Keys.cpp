@@ -1,10 +1,10 @@
 #include "Keys.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cctype>
 #include <numeric>
+
+#include "Outline.h"
 
 namespace {
 
@@ -54,9 +54,8 @@ const std::vector<Key>& knownKeys() {
 
 const Key* findKey(const std::string& name) {
     const auto& keys = knownKeys();
-    const auto found = std::find_if(keys.begin(), keys.end(), [&name](const Key& key) {
-        return strcasecmp(key.name, name.c_str()) == 0;
-    });
+    const auto found =
+        std::find_if(keys.begin(), keys.end(), [&name](const Key& key) { return sameName(key.name, name); });
     return found != keys.end() ? &*found : nullptr;
 }
 

@@ -1,8 +1,10 @@
 #include "Outline.h"
 
-#include <algorithm>
+#include <strings.h>
 
-#include "Server/Common_Classes/UText.h"
+#include <algorithm>
+#include <cstring>
+
 #include "config/ConfigParser.h"
 
 namespace {
@@ -19,8 +21,11 @@ auto findByName(const Items& items, std::string_view name, NameOf nameOf) {
 }  // namespace
 
 bool sameName(std::string_view a, std::string_view b) {
-    return CText(a.data(), static_cast<std::uint32_t>(a.size())) ==
-           CText(b.data(), static_cast<std::uint32_t>(b.size()));
+    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+std::string lineOf(const PlacedText& text) {
+    return "line " + std::to_string(text.place.line);
 }
 
 const OutlineAttribute* OutlineSection::find(std::string_view key) const {
@@ -33,6 +38,10 @@ Outline::Outline(std::string content) : content_(std::move(content)), lineStarts
     }
     for (std::size_t start = 0; start < content_.size();)
         start = parseFrom(start);
+    ConfigParser parser(content_.data(), static_cast<std::uint32_t>(content_.size()));
+    while (parser.nextStanza() != nullptr) {
+    }
+    parses_ = *parser.error().reason == '\0';
 }
 
 const OutlineSection* Outline::find(std::string_view name) const {
@@ -72,18 +81,21 @@ std::size_t Outline::parseFrom(std::size_t start) {
         return PlacedText{text, placeOf(start + offset), isCut, inFile == text};
     };
     while (parser.nextHeader()) {
-        const char* const text = parser.name();
-        const PlacedText name = placed(text, parser.offset(), parser.length(), parser.isCut());
-        if (line(name.place.line).find(']', name.place.column - 1) == std::string_view::npos) {
-            errors_.push_back({name.place, "no ] after the section's name on its line"});
-            return nextHeaderFrom(name.place.line + 1);
+        const Place place = placeOf(start + parser.offset());
+        if (line(place.line).find(']', place.column - 1) == std::string_view::npos) {
+            errors_.push_back({place, "no ] after the section's name on its line"});
+            return nextHeaderFrom(place.line + 1);
         }
+        const char* const text = parser.name();
+        const bool isTooLong = *text == '\0' && parser.length() != 0;
+        const PlacedText name = placed(text, parser.offset(), parser.length(), parser.isCut() || isTooLong);
         sections_.push_back({name, {}, true});
         while (parser.nextAttribute()) {
-            const std::string_view key = parser.key();
+            const std::size_t keyLength = parser.offset() - 1 - parser.keyOffset();  // up to the =
+            const bool keyIsCut = std::memchr(bytes + parser.keyOffset(), '\0', keyLength) != nullptr;
             const char* const value = parser.value();
             sections_.back().attributes.push_back(
-                {placed(key.data(), parser.keyOffset(), key.size(), false),
+                {placed(parser.key(), parser.keyOffset(), keyLength, keyIsCut),
                  placed(value, parser.offset(), parser.length(), parser.isCut())});
         }
         sections_.back().isWhole = *parser.error().reason == '\0';

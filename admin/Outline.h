@@ -48,6 +48,7 @@ class Outline {
 
     const std::vector<OutlineSection>& sections() const { return sections_; }
     const std::vector<SyntaxError>& errors() const { return errors_; }
+    bool parses() const { return parses_; }  // whether the gateway takes the file
 
     // The section that counts, the first of that name; null when there is none.
     const OutlineSection* find(std::string_view name) const;
@@ -64,7 +65,10 @@ class Outline {
     std::vector<std::size_t> lineStarts_;
     std::vector<OutlineSection> sections_;
     std::vector<SyntaxError> errors_;
+    bool parses_ = false;
 };
 
 // Whether two names or keys are the same to the gateway.
 bool sameName(std::string_view a, std::string_view b);
+
+std::string lineOf(const PlacedText& text);  // "line 7"

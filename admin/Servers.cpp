@@ -31,9 +31,10 @@ struct Result {
 };
 
 std::vector<ServerEntry> serversOf(const Request& request, const std::string& client) {
-    const std::unique_ptr<ConfigFile> file = load(locate(request).path);
+    const std::string path = locate(request).path;
+    const std::unique_ptr<ConfigFile> file = load(path);
     CText list;
-    return entriesOf(ServerListOf(sectionOf(*file, client), list).GetTextEx());
+    return entriesOf(ServerListOf(sectionOf(*file, path, client), list).GetTextEx());
 }
 
 // One line that is overwritten, for whoever watches.
@@ -57,11 +58,6 @@ std::vector<Result> resultsOf(std::vector<ServerEntry> entries, const Options& o
     return results;
 }
 
-std::string padded(std::string text, std::size_t width) {
-    text.resize(std::max(text.size(), width), ' ');
-    return text;
-}
-
 std::string verdict(const Result& result) {
     if (!result.entry.fault.empty()) return "cannot be used: " + shown(result.entry.fault);
     if (!result.probe) return "";
@@ -76,8 +72,8 @@ void printTable(const std::vector<Result>& results) {
         return shown(entry.host.empty() ? entry.text : entry.host + " " + entry.port);
     };
     for (const Result& result : results) {
-        sidWidth = std::max(sidWidth, shown(result.entry.sid).size());
-        endpointWidth = std::max(endpointWidth, endpointOf(result.entry).size());
+        sidWidth = std::max(sidWidth, widthOf(shown(result.entry.sid)));
+        endpointWidth = std::max(endpointWidth, widthOf(endpointOf(result.entry)));
     }
     for (const Result& result : results) {
         const std::string sid = result.entry.sid.empty() ? "-" : shown(result.entry.sid);

@@ -1,5 +1,4 @@
 // velarto-config list and show: the sections, and what holds for one client.
-#include <iomanip>
 #include <iostream>
 #include <memory>
 
@@ -11,24 +10,14 @@
 
 namespace {
 
-// One that the gateway accepts: there is nothing to show of another.
-Outline outlineOf(const std::string& path) {
-    load(path);
-    return Outline(contentOf(path));
-}
-
-std::string onLine(const PlacedText& text) {
-    return "line " + std::to_string(text.place.line);
-}
-
 // ---- list ----
 
 int list(const Request& request) {
-    const Outline outline = outlineOf(locate(request).path);
+    const Outline outline = faultlessOutline(locate(request).path);
     const OutlineSection* directory = outline.find(kDirectoryStanza);
     Json clients = Json::array();
     for (const OutlineSection& section : outline.sections()) {
-        if (&section == directory || outline.find(section.name.text) != &section) continue;
+        if (!isClient(outline, section)) continue;
         const bool isListed = directory != nullptr && directory->find(section.name.text) != nullptr;
         const std::size_t servers = entriesOf(serverListOf(section)).size();
         clients.push_back({{"client", section.name.text},
@@ -36,8 +25,8 @@ int list(const Request& request) {
                            {"servers", servers},
                            {"listed", isListed}});
         if (request.json) continue;
-        std::cout << std::left << std::setw(24) << shown(section.name.text) << ' ' << servers
-                  << (servers == 1 ? " server, " : " servers, ") << onLine(section.name)
+        std::cout << padded(shown(section.name.text), 24) << ' ' << servers
+                  << (servers == 1 ? " server, " : " servers, ") << lineOf(section.name)
                   << (isListed ? "" : ", not in the list of clients") << '\n';
     }
     if (request.json) print(clients);
@@ -59,15 +48,15 @@ Setting settingOf(const OutlineSection& section, const Key& key) {
         const std::string servers = serverListOf(section);
         return {key.name, servers, servers.empty() ? "missing" : "from VELARTO_HOST and VELARTO_PORT"};
     }
-    if (!isSet) return {key.name, key.withoutIt, own == nullptr ? "default" : "empty on " + onLine(own->key)};
-    if (key.kind == ValueKind::kServers) return {key.name, serverListOf(section), onLine(own->key)};
+    if (!isSet) return {key.name, key.withoutIt, own == nullptr ? "default" : "empty on " + lineOf(own->key)};
+    if (key.kind == ValueKind::kServers) return {key.name, serverListOf(section), lineOf(own->key)};
     if (key.kind == ValueKind::kTruth) {
         Stanza stanza("");
         stanza.addValue(key.name, own->value.text.c_str());
         const bool isTrue = IsTrueValue(stanza, key.name);
-        return {key.name, isTrue ? "yes" : "no", onLine(own->key) + ", '" + own->value.text + "'"};
+        return {key.name, isTrue ? "yes" : "no", lineOf(own->key) + ", '" + own->value.text + "'"};
     }
-    return {key.name, own->value.text, onLine(own->key)};
+    return {key.name, own->value.text, lineOf(own->key)};
 }
 
 std::vector<Setting> settingsOf(const OutlineSection& section) {
@@ -77,22 +66,22 @@ std::vector<Setting> settingsOf(const OutlineSection& section) {
     for (const OutlineAttribute& attribute : section.attributes) {
         if (findKey(attribute.key.text) == nullptr)
             settings.push_back(
-                {attribute.key.text, attribute.value.text, onLine(attribute.key) + ", nothing reads it"});
+                {attribute.key.text, attribute.value.text, lineOf(attribute.key) + ", nothing reads it"});
     }
     return settings;
 }
 
 int show(const Request& request, const std::string& client) {
     const std::string path = locate(request).path;
-    sectionOf(*load(path), client);  // or tell which there are
-    const Outline outline(contentOf(path));
+    sectionOf(*load(path), path, client);  // or tell which there are
+    const Outline outline = faultlessOutline(path);
     const OutlineSection* section = outline.find(client);
     if (section == nullptr) throw Failure(shown(path) + ": the file changed while it was read");
     Json json = Json::array();
     for (const Setting& setting : settingsOf(*section)) {
         json.push_back({{"key", setting.key}, {"value", setting.value}, {"origin", setting.origin}});
         if (request.json) continue;
-        std::cout << std::left << std::setw(22) << shown(setting.key) << ' '
+        std::cout << padded(shown(setting.key), 22) << ' '
                   << (setting.value.empty() ? "-" : shown(setting.value)) << "  (" << shown(setting.origin)
                   << ")\n";
     }

@@ -174,8 +174,9 @@ Json documentOf(const TryOptions& options, const Steps& steps, const Answer& ans
 }
 
 int tryRequest(const Request& request, const TryOptions& options) {
-    const std::unique_ptr<ConfigFile> file = load(locate(request).path);
-    Stanza& section = sectionOf(*file, options.client);
+    const std::string path = locate(request).path;
+    const std::unique_ptr<ConfigFile> file = load(path);
+    Stanza& section = sectionOf(*file, path, options.client);
     Steps steps(options.verbose, request.json);
     prepareServers(section, options.client, steps);
     TQuilRequest record;

@@ -28,7 +28,8 @@ int main(int argc, char** argv) {
     app.fallthrough();
     app.add_option("--file", request.file,
                    "the configuration file; by default the one that the gateway reads")
-        ->type_name("PATH");
+        ->type_name("PATH")
+        ->check([](const std::string& path) { return std::string(path.empty() ? "names no file" : ""); });
     app.add_flag("--json", request.json, "print JSON");
     app.footer(
         "Exit status: 0 when all is well, 1 when something was found wrong, 2 for a wrong command line or a "
@@ -39,7 +40,12 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kFine : kUnusable;
+        if (error.get_exit_code() != 0) {
+            std::cerr << "velarto-config: " << shown(error.what()) << "; --help tells how it is done\n";
+            return kUnusable;
+        }
+        app.exit(error);  // prints the help
+        return std::cout.flush() ? kFine : kUnusable;
     }
     return runCommand(request);
 }

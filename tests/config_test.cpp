@@ -75,6 +75,7 @@ TEST_F(Config, CheckFindsEachMistakeAndTellsItsPlaceAndRemedy) {
         {"# a comment", "6:12", "error: no =", "begin a comment with ;"},
         {"A=b\r\nno equals\r", "7:11", "error: no =", "line feed alone"},
         {std::string(255, 'K') + "=x", "6:1", "error: the key is longer", "shorten"},
+        {"\nDOCUMENTPATH=/", "7:1", "error: outside of a section", "below a section's header"},
         {"[open", "6:1", "error: an empty line is missing", "put an empty line"},
         {"CLIENTIOTIMEOUT =30", "6:16", "warning: a blank at the end", "no blank before"},
         {"ClientIOTimout=30", "6:1", "warning: unknown key", "did you mean CLIENTIOTIMEOUT?"},
@@ -90,8 +91,8 @@ TEST_F(Config, CheckFindsEachMistakeAndTellsItsPlaceAndRemedy) {
         {"DOCUMENTPATH=" + std::string(5000, 'x'), "6:14", "warning: the value is cut after 4095",
          "shorten it"},
         {"DOCUMENTPATH=a" + std::string(1, '\0') + "b", "6:14", "warning: the value is cut after 1", "NUL"},
-        {"CLIENTIOTIMEOUT=30\nClientIOTimeout=20", "7:1",
-         "warning: 'ClientIOTimeout' is there already, on line 6", "remove one"},
+        {"CLIENTIOTIMEOUT=30\nClientIOTimeout=20", "7:1", "warning: 'ClientIOTimeout' is there already; this",
+         "on line 6"},
         {"VELARTO_HOST=h", "6:1", "warning: 'VELARTO_HOST' is not used beside", "remove it"},
         {servers + "10.0.0.5,1:10.0.0.6", "7:27", "error: server '10.0.0.6' can never be reached: 1 field",
          "HOST,PORT"},
@@ -105,9 +106,18 @@ TEST_F(Config, CheckFindsEachMistakeAndTellsItsPlaceAndRemedy) {
         {servers + "10.0.0.5,1\nFORCE_SERVER_ARG_NAME=srv", "8:1", "warning: no server has an id",
          "ID,HOST,PORT"},
         {"CLIENTIOTIMEOUT=30\n\n[Shop]\nVELARTO_SERVER=h,1\n", "8:2",
-         "warning: section [Shop] is there already, on line 5", "rename"},
+         "warning: section [Shop] is there already; this", "on line 5, or rename"},
         {"CLIENTIOTIMEOUT=30\n\n[news]\nVELARTO_SERVER=h,1\n", "8:2", "warning: section [news] is not listed",
          "add the line news="},
+        {"CLIENTIOTIMEOUT=30\n\n[a;b]\nVELARTO_SERVER=h,1\n", "8:2", "warning: section [a;b] is not listed",
+         "name without ;"},
+        {"\xEF\xBB\xBF# c=d", "6:1", "warning: unknown key", "nothing reads it"},
+        {"\xEF\xBB\xBF[news]", "6:4", "error: no = after the key", "without a byte order mark"},
+        {"ERROR_HTML=/tmp", "6:12", "warning: '/tmp' cannot be read: it is no file", "name a file"},
+        {"DOCUMENTPATH=/srv ", "6:18", "warning: the value ends with a blank", "at the line's end"},
+        {"DOCUMENTPATH=/srv\r", "6:18", "warning: the value ends with a carriage return", "line feed alone"},
+        {"CLIENTIOTIMEOUT" + std::string(1, '\0') + "S=30", "6:1", "warning: the key ends at a NUL",
+         "remove"},
     };
     for (const Mistake& mistake : mistakes) {
         SCOPED_TRACE(mistake.line.substr(0, 60));
@@ -130,7 +140,7 @@ TEST_F(Config, CheckGoesOnAfterAnErrorAndBeyondTheSections) {
     const Outcome outcome = run({"check"});
     for (const char* part :
          {":1:1: error", ":3:2: error: no =", ":4:2: error: no ]", ":6:8: error: after a section header",
-          ": warning: no section [Velarto Client Definitions]", "every client gets error 601"})
+          ": 2 sections, 4 errors, 0 warnings\n", "every client gets error 601"})
         EXPECT_NE(outcome.out.find(part), std::string::npos) << part << " in\n" << outcome.out;
 
     writeFile(path_, "[Velarto Client Definitions]\nshop=\ngone=\n\n[shop]\nVELARTO_HOST=h\n");
@@ -138,6 +148,41 @@ TEST_F(Config, CheckGoesOnAfterAnErrorAndBeyondTheSections) {
     for (const char* part :
          {"\"parses\": true", "client 'gone' has no section", "client 'shop' has no servers"})
         EXPECT_NE(second.out.find(part), std::string::npos) << part << " in\n" << second.out;
+}
+
+TEST_F(Config, CheckTellsErrorsFromWhatTheGatewayTakes) {
+    const std::string list = "[Velarto Client Definitions]\nshop=\n";
+    const std::string shop = "\n[shop]\nVELARTO_SERVER=h,1\n";
+    const std::pair<std::string, std::string> files[] = {
+        {shop, ": 1 section, 0 errors, 1 warning\n"},
+        {list + shop + "\n[Shop]\nA=\n", ": 3 sections, 0 errors, 1 warning\n"},
+        {list + shop + "\n[velarto client definitions]\nx=\n", ": 3 sections, 0 errors, 1 warning\n"},
+        {list + shop + "\n[]\nA=\n", ": 3 sections, 0 errors, 1 warning\n"},
+        {list + shop + "\n[a\nb]\n", ": 2 sections, 1 error, 0 warnings\n"},
+        {"[Velarto Client Definitions]\r\nshop=\n" + shop,
+         ": 2 sections, 1 error, 0 warnings\nThe gateway refuses"},
+        {"\xEF\xBB\xBF" + list + shop, ": 1 section, 1 error, 0 warnings\nThe gateway refuses"},
+    };
+    for (const auto& [content, end] : files) {
+        writeFile(path_, content);
+        const std::string out = run({"check"}).out;
+        const std::size_t at = out.find(path_ + end);
+        ASSERT_NE(at, std::string::npos) << end << " in\n" << out;
+        EXPECT_EQ(out.find("The gateway refuses", at) == std::string::npos,
+                  end.find("The gateway refuses") == std::string::npos);
+    }
+}
+
+TEST_F(Config, TheCaretStandsBelowTheMistake) {
+    const std::pair<std::string, std::string> lines[] = {
+        {"\xC3\xA4\xC3\xB6,1:x", " | VELARTO_SERVER=\xC3\xA4\xC3\xB6,1:x\n      |                     ^\n"},
+        {"\t,1:x", " | VELARTO_SERVER=\\x09,1:x\n      |                       ^\n"},
+        {std::string(60, '\xB6') + ",1:x", "\xB6,1:x\n      |    ^\n"}};
+    for (const auto& [servers, shown] : lines) {
+        writeFile(path_, "[Velarto Client Definitions]\nshop=\n\n[shop]\nVELARTO_SERVER=" + servers + "\n");
+        const Outcome outcome = run({"check"});
+        EXPECT_NE(outcome.out.find(shown), std::string::npos) << outcome.out;
+    }
 }
 
 TEST_F(Config, WhatIsThereIsShown) {
@@ -198,6 +243,14 @@ TEST_F(Config, ChangesLeaveTheOtherSectionsAlone) {
     }
 }
 
+TEST_F(Config, WhatCheckComplainedOfBeforeIsNoHindrance) {
+    std::string content = kFile;
+    content.replace(content.find("CLIENTIO"), 0, "VELARTO_PORT=1\nVELARTO_PORT=2\n");
+    content.replace(content.find("CLIENTIO"), 19, "");
+    writeFile(path_, content);
+    EXPECT_EQ(run({"set", "shop", "CLIENTIOTIMEOUT", "30"}).err, "");
+}
+
 TEST_F(Config, WhatCannotBeUsedIsRefusedInOneLineAndNothingChanges) {
     const std::vector<std::string> commands[] = {{"check"},
                                                  {"list"},
@@ -224,7 +277,7 @@ TEST_F(Config, WhatCannotBeUsedIsRefusedInOneLineAndNothingChanges) {
     }
 
     const std::pair<std::vector<std::string>, std::string> requests[] = {
-        {{"show", "nobody"}, "no client 'nobody'; there are: admin, shop"},
+        {{"show", "nobody"}, "no client 'nobody'; there are: shop, admin"},
         {{"show", "Velarto Client Definitions"}, "no client"},
         {{"remove", "nobody"}, "no client 'nobody'"},
         {{"unset", "shop", "DOCUMENTPATH"}, "has no 'DOCUMENTPATH'"},
@@ -244,6 +297,28 @@ TEST_F(Config, WhatCannotBeUsedIsRefusedInOneLineAndNothingChanges) {
     for (const auto& [arguments, reason] : requests)
         expectRefusal(run(arguments), reason, kFile);
 
+    const std::string unlisted = kFile.substr(kFile.find("[shop]"));
+    const std::string openName = kFile + "[a\nb]\n";
+    writeFile(path_, unlisted);
+    expectRefusal(run({"add", "new"}), "has no section [Velarto Client Definitions]", unlisted);
+    expectRefusal(run({"remove", "shop"}), "has no section [Velarto Client Definitions]", unlisted);
+    expectRefusal(run({"show", "nobody"}), "there are: shop, admin", unlisted);
+    for (const std::string& section :
+         {"[" + std::string(255, 'n') + "]\n", std::string("[a]\nA=") + std::string(4096, 'x') + "\n",
+          std::string("[a]\nA\0B=\n", 9)}) {
+        writeFile(path_, kFile + section);
+        expectRefusal(run({"set", "shop", "CLIENTIOTIMEOUT", "5"}), "does not read; --force",
+                      kFile + section);
+    }
+    std::string many = unlisted;
+    for (int i = 0; i < 25; ++i)
+        many += "[n" + std::to_string(i) + "]\n\n";
+    writeFile(path_, many);
+    expectRefusal(run({"show", "nobody"}), ", n17 and 7 more\n", many);
+    writeFile(path_, openName);
+    expectRefusal(run({"list"}), ":13:2: no ] after the section's name", openName);
+    expectRefusal(run({"show", "a"}), ":13:2: no ] after the section's name", openName);
+
     writeFile(path_, "; mine\n" + kFile);
     expectRefusal(run({"set", "shop", "CLIENTIOTIMEOUT", "5"}),
                   ":1: the file is written anew, without its comment", "; mine\n" + kFile);
@@ -251,15 +326,21 @@ TEST_F(Config, WhatCannotBeUsedIsRefusedInOneLineAndNothingChanges) {
 
 TEST_F(Config, AFullDiskLeavesTheFile) {
     support::Command full = command({"set", "shop", "DOCUMENTPATH", "/srv"});
-    full.arguments.insert(full.arguments.begin(), {"bash", "-c", "trap '' XFSZ; ulimit -f 0; exec \"$@\"", "bash"});
+    full.arguments.insert(full.arguments.begin(),
+                          {"bash", "-c", "trap '' XFSZ; ulimit -f 0; exec \"$@\"", "bash"});
     full.program = "/bin/bash";
     expectRefusal(support::run(full, 20s), "cannot be written: File too large", kFile);
 }
 
 TEST_F(Config, AWrongCommandLineEndsWithTwo) {
-    for (const std::vector<std::string>& arguments :
-         {std::vector<std::string>{}, {"nonsense"}, {"show"}, {"set", "shop"}, {"check", "--colour"}})
-        EXPECT_EQ(run(arguments).exitStatus, 2);
+    for (const std::vector<std::string>& arguments : {std::vector<std::string>{},
+                                                      {"nonsense"},
+                                                      {"show"},
+                                                      {"set", "shop"},
+                                                      {"check", "--colour"},
+                                                      {"--file", "", "path"},
+                                                      {"set", "shop", "A", "b", "\n"}})
+        expectRefusal(run(arguments), "; --help tells", kFile);
     EXPECT_EQ(run({"--help"}).exitStatus, 0);
 }
 
