@@ -1,5 +1,5 @@
-// What the commands of velarto-config have in common. Each command is a file of its own, which names it to the
-// command line and does its work.
+// What the commands of velarto-config have in common. Each command is a file of its own, which names it to
+// the command line and does its work.
 #pragma once
 
 #include <CLI/CLI.hpp>

@@ -1,4 +1,5 @@
-// velarto-config: the administrator's program: tells what the gateway makes of its configuration, and changes it.
+// velarto-config: the administrator's program; tells what the gateway makes of its configuration, and changes
+// it.
 #include <csignal>
 #include <iostream>
 

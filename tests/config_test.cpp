@@ -1,4 +1,5 @@
-// velarto-config: what check finds, and where; what the others show and change; files and requests that they refuse.
+// velarto-config: what check finds, and where; what the others show and change; files and requests that they
+// refuse.
 #include <gtest/gtest.h>
 
 #include <filesystem>
