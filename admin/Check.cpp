@@ -27,12 +27,13 @@ void printFinding(const std::string& path, const Outline& outline, const Finding
         const std::string before = shown(text.substr(0, column - 1));
         constexpr std::size_t kWidth = 90;  // of a terminal, less what stands around
         const std::string whole = shown(text);
-        const std::size_t begin =
-            characterFrom(whole, before.size() > kWidth / 2 ? before.size() - kWidth / 2 : 0);
+        const bool isCut = whole.size() > kWidth && before.size() > kWidth / 2;  // in front
+        const std::size_t begin = characterFrom(whole, isCut ? before.size() - kWidth / 2 : 0);
         const std::size_t end = characterFrom(whole, begin + kWidth);
-        std::cout << "    " << number << " | " << whole.substr(begin, end - begin) << "\n    "
-                  << std::string(number.size(), ' ') << " | "
-                  << std::string(widthOf(before.substr(begin)), ' ') << "^\n";
+        const std::string mark = isCut ? "..." : "";
+        std::cout << "    " << number << " | " << mark << whole.substr(begin, end - begin)
+                  << (end < whole.size() ? "..." : "") << "\n    " << std::string(number.size(), ' ') << " | "
+                  << std::string(mark.size() + widthOf(before.substr(begin)), ' ') << "^\n";
     }
     std::cout << "    remedy: " << finding.remedy << '\n';
 }

@@ -244,6 +244,8 @@ class Inspection {
                  quoted(text) + " is not a number of seconds; it reads as " +
                      (seconds != 0 ? std::to_string(seconds) : "the default, 300"),
                  "write digits alone, for example 30");
+        } else if (seconds == 0) {
+            warn(value.place, "0 seconds read as the default, 300", "write 1 or more, or remove the key");
         } else if (seconds > 300) {
             warn(value.place,
                  "the gateway ends after 300 seconds in any case, so " + text + " has no effect there",

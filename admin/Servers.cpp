@@ -124,14 +124,15 @@ int listServers(const Request& request, const Options& options) {
 void addServers(CLI::App& app, Request& request) {
     const auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("servers", "List a client's application servers, and try them");
-    command->add_option("client", options->client, "the client's name")->type_name("CLIENT")->required();
+    command->add_option("CLIENT", options->client, "the client")->required();
     command->add_flag("--probe", options->probe, "connect to each, one after the other; nothing is sent");
     command->add_option("--timeout", options->timeout, "how long a server has to answer")
         ->type_name("MS")
         ->capture_default_str()
         ->check(CLI::Range(std::uint32_t{1}, kLongestLimit).description(""))
         ->needs("--probe");
-    command->footer("Exit status 1: an entry cannot be used, or a server does not answer.");
+    command->footer(
+        "Exit status 1: there is no server, an entry cannot be used, or a server does not answer.");
     command->callback([&request, options] {
         request.command = [&request, options] { return listServers(request, *options); };
     });

@@ -41,22 +41,36 @@ struct Setting {
     std::string origin;  // where it was set; "default"; or why nobody reads it
 };
 
+// What the gateway makes of a value.
+std::string meaningOf(const OutlineSection& section, const Key& key, const std::string& value) {
+    Stanza stanza("");
+    stanza.addValue(key.name, value.c_str());
+    switch (key.kind) {
+        case ValueKind::kServers:
+            return serverListOf(section);
+        case ValueKind::kTruth:
+            return IsTrueValue(stanza, key.name) ? "yes" : "no";
+        case ValueKind::kSeconds: {
+            const std::uint32_t seconds = ReadWriteTimeoutOf(stanza) / 1000;
+            return seconds != 0 ? std::to_string(seconds) : key.withoutIt;
+        }
+        default:
+            return value;
+    }
+}
+
 Setting settingOf(const OutlineSection& section, const Key& key) {
     const OutlineAttribute* own = section.find(key.name);
-    const bool isSet = own != nullptr && !own->value.text.empty();
-    if (key.kind == ValueKind::kServers && !isSet) {
+    if (own != nullptr && !own->value.text.empty()) {
+        const std::string& text = own->value.text;
+        const std::string meaning = meaningOf(section, key, text);
+        return {key.name, meaning, lineOf(own->key) + (meaning != text ? ", '" + text + "'" : "")};
+    }
+    if (key.kind == ValueKind::kServers) {
         const std::string servers = serverListOf(section);
         return {key.name, servers, servers.empty() ? "missing" : "from VELARTO_HOST and VELARTO_PORT"};
     }
-    if (!isSet) return {key.name, key.withoutIt, own == nullptr ? "default" : "empty on " + lineOf(own->key)};
-    if (key.kind == ValueKind::kServers) return {key.name, serverListOf(section), lineOf(own->key)};
-    if (key.kind == ValueKind::kTruth) {
-        Stanza stanza("");
-        stanza.addValue(key.name, own->value.text.c_str());
-        const bool isTrue = IsTrueValue(stanza, key.name);
-        return {key.name, isTrue ? "yes" : "no", lineOf(own->key) + ", '" + own->value.text + "'"};
-    }
-    return {key.name, own->value.text, lineOf(own->key)};
+    return {key.name, key.withoutIt, own == nullptr ? "default" : "empty on " + lineOf(own->key)};
 }
 
 std::vector<Setting> settingsOf(const OutlineSection& section) {

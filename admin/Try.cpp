@@ -206,11 +206,10 @@ void addTry(CLI::App& app, Request& request) {
     const auto options = std::make_shared<TryOptions>();
     CLI::App* command =
         app.add_subcommand("try", "Make one request as the gateway would, and print the answer");
-    command->add_option("client", options->client, "the client's name")->type_name("CLIENT")->required();
+    command->add_option("CLIENT", options->client, "the client")->required();
     command
-        ->add_option("path", options->urlPath,
+        ->add_option("URL-PATH", options->urlPath,
                      "what stands after the program's name in the URL: /shop/page?a=b or ?a=b")
-        ->type_name("URL-PATH")
         ->required();
     command->add_option("--data", options->data, "the request's body; - is standard input")
         ->type_name("FILE");

@@ -2,6 +2,7 @@
 // refuse.
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -83,6 +84,7 @@ TEST_F(Config, CheckFindsEachMistakeAndTellsItsPlaceAndRemedy) {
         {"COLOUR=blue", "6:1", "warning: unknown key", "nothing reads it"},
         {"CLIENTIOTIMEOUT=30s", "6:17", "warning: '30s' is not a number of seconds; it reads as 30",
          "digits"},
+        {"CLIENTIOTIMEOUT=0", "6:17", "warning: 0 seconds read as the default", "1 or more"},
         {"CLIENTIOTIMEOUT=301", "6:17", "warning: the gateway ends after 300 seconds", "300 or less"},
         {"PARSEFILEPATHS=enabled", "6:16", "warning: 'enabled' reads as false", "yes or no"},
         {"PARSEFILEPATHS= yes", "6:16", "warning: the value begins with a blank", "no blank after"},
@@ -178,7 +180,9 @@ TEST_F(Config, TheCaretStandsBelowTheMistake) {
     const std::pair<std::string, std::string> lines[] = {
         {"\xC3\xA4\xC3\xB6,1:x", " | VELARTO_SERVER=\xC3\xA4\xC3\xB6,1:x\n      |                     ^\n"},
         {"\t,1:x", " | VELARTO_SERVER=\\x09,1:x\n      |                       ^\n"},
-        {std::string(60, '\xB6') + ",1:x", "\xB6,1:x\n      |    ^\n"}};
+        {std::string(60, 'h') + ",1:x", "VELARTO_SERVER=" + std::string(60, 'h') + ",1:x\n"},
+        {std::string(90, '\xB6') + ",1:x", "\xB6,1:x\n      |       ^\n"},
+        {std::string(90, 'h') + ",1:x", " | ..." + std::string(42, 'h') + ",1:x\n"}};
     for (const auto& [servers, shown] : lines) {
         writeFile(path_, "[Velarto Client Definitions]\nshop=\n\n[shop]\nVELARTO_SERVER=" + servers + "\n");
         const Outcome outcome = run({"check"});
@@ -209,6 +213,10 @@ TEST_F(Config, WhatIsThereIsShown) {
         for (const std::string& part : parts)
             EXPECT_NE(outcome.out.find(part), std::string::npos) << part << " in\n" << outcome.out;
     }
+    std::string content = kFile;
+    writeFile(path_, content.replace(content.find("=30"), 3, "=0"));
+    EXPECT_NE(run({"show", "shop"}).out.find("CLIENTIOTIMEOUT        300  (line 6, '0')\n"),
+              std::string::npos);
 }
 
 TEST_F(Config, PathFollowsTheGatewaysRules) {
@@ -216,8 +224,12 @@ TEST_F(Config, PathFollowsTheGatewaysRules) {
     command.program = VELARTO_CONFIG_PATH;
     command.arguments = {"velarto-config", "path"};
     command.environment = {"VELARTO_PATH=/srv/base/"};
-    EXPECT_EQ(support::run(command, 20s).out,
+    const Outcome outcome = support::run(command, 20s);
+    EXPECT_EQ(outcome.out,
               "/srv/base/configuration/clients.ini\nfound by the environment variable VELARTO_PATH\n");
+    EXPECT_EQ(outcome.exitStatus, 2);  // there is none
+    EXPECT_EQ(outcome.err,
+              "velarto-config: /srv/base/configuration/clients.ini: No such file or directory\n");
     command.environment = {"VELARTO_PATH="};
     EXPECT_NE(support::run(command, 20s).out.find("found by the default"), std::string::npos);
 }
@@ -256,17 +268,23 @@ TEST_F(Config, WhatCannotBeUsedIsRefusedInOneLineAndNothingChanges) {
     const std::vector<std::string> commands[] = {{"check"},
                                                  {"list"},
                                                  {"show", "shop"},
+                                                 {"servers", "shop", "--probe"},
+                                                 {"try", "shop", "/"},
                                                  {"set", "shop", "DOCUMENTPATH", "x"},
                                                  {"unset", "shop", "CLIENTIOTIMEOUT"},
                                                  {"add", "new"},
                                                  {"remove", "shop"}};
     const std::pair<std::string, std::string> files[] = {{"", ": the file is empty"},
                                                          {std::string(131073, ';'), "large"},
-                                                         {"[shop]\nx\n", ":2:2: no = after the key"}};
+                                                         {"[shop]\nx\n", ":2:2: no = after the key"},
+                                                         {std::string("\x7F"
+                                                                      "ELF\0\n",
+                                                                      6),
+                                                          ":1:1: outside"}};
     for (const auto& arguments : commands) {
         SCOPED_TRACE(arguments[0]);
         for (const auto& [content, reason] : files) {
-            if (arguments[0] == "check" && content[0] == '[') continue;  // what check is for
+            if (arguments[0] == "check" && std::isdigit(reason[1]) != 0) continue;  // what check is for
             writeFile(path_, content);
             expectRefusal(run(arguments), reason, content);
         }
@@ -325,12 +343,27 @@ TEST_F(Config, WhatCannotBeUsedIsRefusedInOneLineAndNothingChanges) {
                   ":1: the file is written anew, without its comment", "; mine\n" + kFile);
 }
 
-TEST_F(Config, AFullDiskLeavesTheFile) {
-    support::Command full = command({"set", "shop", "DOCUMENTPATH", "/srv"});
-    full.arguments.insert(full.arguments.begin(),
-                          {"bash", "-c", "trap '' XFSZ; ulimit -f 0; exec \"$@\"", "bash"});
-    full.program = "/bin/bash";
-    expectRefusal(support::run(full, 20s), "cannot be written: File too large", kFile);
+TEST_F(Config, AFullDiskIsToldAndLeavesTheFile) {
+    const char* const fullDisk = "trap '' XFSZ; ulimit -f 0; exec \"$@\"";
+    const char* const fullOutput = "exec \"$@\" >/dev/full";
+    const std::pair<std::vector<std::string>, const char*> cases[] = {
+        {{"set", "shop", "DOCUMENTPATH", "/srv"}, fullDisk},
+        {{"unset", "shop", "CLIENTIOTIMEOUT"}, fullDisk},
+        {{"add", "new"}, fullDisk},
+        {{"remove", "admin"}, fullDisk},
+        {{"path"}, fullOutput},
+        {{"check"}, fullOutput},
+        {{"list"}, fullOutput},
+        {{"show", "shop"}, fullOutput},
+        {{"servers", "shop"}, fullOutput}};
+    for (const auto& [arguments, script] : cases) {
+        support::Command full = command(arguments);
+        full.arguments.insert(full.arguments.begin(), {"bash", "-c", script, "bash"});
+        full.program = "/bin/bash";
+        const char* reason =
+            script == fullDisk ? "cannot be written: File too large" : "the output cannot be written";
+        expectRefusal(support::run(full, 20s), reason, kFile);
+    }
 }
 
 TEST_F(Config, AWrongCommandLineEndsWithTwo) {
