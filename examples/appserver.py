@@ -130,7 +130,7 @@ class Server(socketserver.ThreadingTCPServer):
     daemon_threads = True  # the end of the server cuts off what is under way
 
     def verify_request(self, request, client_address):
-        return threading.active_count() <= 500  # more at once are closed unanswered
+        return threading.active_count() <= 500  # others are closed; a server with peers would let them wait
 
 
 # ---- The application ---------------------------------------------------------------------------------------

@@ -53,6 +53,9 @@ class ApplicationServer:
         self.process.terminate()
         self.process.wait(20)
 
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
 
 def judge(number, status, body):
     """What became of a request: "answered", the code of an error page, or what is wrong."""
@@ -115,7 +118,7 @@ def main():
             os.chown(path, NOBODY, NOBODY)
     apache = subprocess.Popen(["/usr/sbin/apache2", "-DFOREGROUND", "-f", str(base / "web.conf")], **as_user)
     wait_for(port)
-    open_before = len(os.listdir(f"/proc/{servers[0].process.pid}/fd"))
+    open_before = max(server.descriptors() for server in servers)
 
     start = time.monotonic()
     stops = 0
@@ -132,7 +135,7 @@ def main():
 
     time.sleep(1)
     left = processes_with(str(base / "htdocs/cgi-bin"))
-    open_after = len(os.listdir(f"/proc/{servers[0].process.pid}/fd"))
+    open_after = max(server.descriptors() for server in servers)
     apache.send_signal(signal.SIGTERM)
     apache.wait(20)
     for server in servers:
