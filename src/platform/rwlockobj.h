@@ -48,14 +48,14 @@ class VELARTO_CAPABILITY("read-write lock") TReadWriteLock {
 
 // Holds the lock for a scope, when it could be had: REQUIRES a look at the holder before the data. (Clang
 // takes every holder for one that holds.)
-class VELARTO_SCOPED_CAPABILITY ReadLock {
+template <bool (TReadWriteLock::*Wait)(), bool (TReadWriteLock::*Release)()>
+class RWLockHolder {
   public:
-    explicit ReadLock(TReadWriteLock& lock) VELARTO_ACQUIRE_SHARED(lock)
-        : lock_(lock), held_(lock.WaitForRead()) {}
-    ReadLock(const ReadLock&) = delete;
-    ReadLock& operator=(const ReadLock&) = delete;
-    ~ReadLock() VELARTO_RELEASE() {
-        if (held_) lock_.ReleaseReadLock();
+    explicit RWLockHolder(TReadWriteLock& lock) : lock_(lock), held_((lock.*Wait)()) {}
+    RWLockHolder(const RWLockHolder&) = delete;
+    RWLockHolder& operator=(const RWLockHolder&) = delete;
+    ~RWLockHolder() {
+        if (held_) (lock_.*Release)();
     }
 
     explicit operator bool() const { return held_; }
@@ -65,19 +65,17 @@ class VELARTO_SCOPED_CAPABILITY ReadLock {
     const bool held_;
 };
 
-class VELARTO_SCOPED_CAPABILITY WriteLock {
+// What clang is to know of the two; a template cannot carry it.
+class VELARTO_SCOPED_CAPABILITY ReadLock
+    : public RWLockHolder<&TReadWriteLock::WaitForRead, &TReadWriteLock::ReleaseReadLock> {
   public:
-    explicit WriteLock(TReadWriteLock& lock) VELARTO_ACQUIRE(lock)
-        : lock_(lock), held_(lock.WaitForWrite()) {}
-    WriteLock(const WriteLock&) = delete;
-    WriteLock& operator=(const WriteLock&) = delete;
-    ~WriteLock() VELARTO_RELEASE() {
-        if (held_) lock_.ReleaseWriteLock();
-    }
+    explicit ReadLock(TReadWriteLock& lock) VELARTO_ACQUIRE_SHARED(lock) : RWLockHolder(lock) {}
+    ~ReadLock() VELARTO_RELEASE() {}
+};
 
-    explicit operator bool() const { return held_; }
-
-  private:
-    TReadWriteLock& lock_;
-    const bool held_;
+class VELARTO_SCOPED_CAPABILITY WriteLock
+    : public RWLockHolder<&TReadWriteLock::WaitForWrite, &TReadWriteLock::ReleaseWriteLock> {
+  public:
+    explicit WriteLock(TReadWriteLock& lock) VELARTO_ACQUIRE(lock) : RWLockHolder(lock) {}
+    ~WriteLock() VELARTO_RELEASE() {}
 };
