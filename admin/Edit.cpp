@@ -127,30 +127,33 @@ int written(const Request& request, const std::string& path, const std::string& 
 
 // ---- the commands ----
 
-int set(const Request& request, const Change& change) {
+// Changes the client's section and writes it back.
+template <typename Edit>
+int editSection(const Request& request, const Change& change, Edit edit) {
     const std::string path = locate(request).path;
     const auto file = load(path);
     Stanza& section = sectionOf(*file, path, change.client);
     const Outline before = outlineOf(section);
-    section.changeValue(change.key.c_str(), change.value.c_str());
-    requireValue(section, change.key);
+    edit(section);
     if (!change.force) examine(path, before, outlineOf(section));
     return written(request, path, change.client,
                    [&] { return file->changeStanzaWithWrite(change.client.c_str()); });
 }
 
+int set(const Request& request, const Change& change) {
+    return editSection(request, change, [&change](Stanza& section) {
+        section.changeValue(change.key.c_str(), change.value.c_str());
+        requireValue(section, change.key);
+    });
+}
+
 int unset(const Request& request, const Change& change) {
-    const std::string path = locate(request).path;
-    const auto file = load(path);
-    Stanza& section = sectionOf(*file, path, change.client);
-    const Outline before = outlineOf(section);
-    if (!section.removeKey(change.key.c_str()))
-        throw Failure("client '" + shown(change.client) + "' has no '" + shown(change.key) + "'");
-    while (section.removeKey(change.key.c_str())) {  // those that the first one hid
-    }
-    if (!change.force) examine(path, before, outlineOf(section));
-    return written(request, path, change.client,
-                   [&] { return file->changeStanzaWithWrite(change.client.c_str()); });
+    return editSection(request, change, [&change](Stanza& section) {
+        if (!section.removeKey(change.key.c_str()))
+            throw Failure("client '" + shown(change.client) + "' has no '" + shown(change.key) + "'");
+        while (section.removeKey(change.key.c_str())) {  // those that the first one hid
+        }
+    });
 }
 
 // add and remove know nothing of the other sections, so that what others change meanwhile stays.
