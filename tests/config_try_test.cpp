@@ -5,6 +5,8 @@
 #include <regex>
 
 #include "platform/osfile_impl.h"
+#include "support/Contains.h"
+#include "support/DevServer.h"
 #include "support/Gateway.h"
 
 namespace {
@@ -40,11 +42,6 @@ std::string squeezed(const std::string& text) {
     return std::regex_replace(timeless, std::regex("  +"), " ");
 }
 
-testing::AssertionResult contains(const std::string& text, const std::string& part) {
-    if (text.find(part) != std::string::npos) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "no '" << part << "' in:\n" << text;
-}
-
 class ConfigTry : public GatewayTest {
   protected:
     Outcome config(const Texts& arguments, const Texts& more = {}, const std::string& input = "") const {
@@ -59,17 +56,12 @@ class ConfigTry : public GatewayTest {
 
     // Starts the development server; its entry.
     std::string startServer() {
-        Command command = this->command();
-        command.program = VELARTO_DEVSERVER_PATH;
-        command.arguments = {"velarto-devserver", "--listen", "127.0.0.1:0"};
-        server_ = std::make_unique<Process>(std::move(command));
-        EXPECT_TRUE(server_->waitForOut("\n", 20s)) << server_->err();
-        const std::string out = server_->out();
-        return entry(static_cast<std::uint16_t>(std::stoi(out.substr(out.rfind(':') + 1))));
+        server_ = std::make_unique<DevServer>();
+        return entry(server_->port());
     }
 
   private:
-    std::unique_ptr<Process> server_;
+    std::unique_ptr<DevServer> server_;
 };
 
 TEST_F(ConfigTry, ServersTellsWhyAnEntryCannotBeUsed) {
@@ -105,10 +97,10 @@ TEST_F(ConfigTry, ProbeTellsWhoAnswers) {
     EXPECT_EQ(config({"servers", "shop", "--probe"}).exitStatus, 0);
 
     configure(good + ":" + entry(dead.port()) + ":" + entry(silent.port) + ":a..b,80");
-    const Outcome outcome = config({"servers", "shop", "--probe", "--timeout", "200"});
+    const Outcome outcome = config({"servers", "shop", "--probe", "--timeout", "2000"});
     const std::string expected = good + " answers after TIME\n- " + entry(dead.port()) +
                                  " fails after TIME: Connection refused\n- " + entry(silent.port) +
-                                 " fails after TIME: no answer within 200 ms\n" +
+                                 " fails after TIME: no answer within 2000 ms\n" +
                                  "- a..b,80 fails after TIME: no such host\n1 of 4 servers answer\n";
     EXPECT_EQ(squeezed(outcome.out), std::regex_replace(expected, std::regex(","), " "));
     EXPECT_EQ(outcome.exitStatus, 1);

@@ -7,63 +7,47 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "net/Socket.h"
-#include "support/Process.h"
+#include "support/Contains.h"
+#include "support/DevServer.h"
 #include "support/Wire.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 namespace wire = support::wire;
+using support::contains;
+using support::DevServer;
 using Texts = std::vector<std::string>;
-
-testing::AssertionResult contains(const std::string& text, const std::string& part) {
-    if (text.find(part) != std::string::npos) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "no '" << part << "' in:\n" << text;
-}
-
-support::Command command(const std::string& listen, const Texts& options) {
-    support::Command command;
-    command.program = VELARTO_DEVSERVER_PATH;
-    command.arguments = {command.program, "--listen", listen};
-    command.arguments.insert(command.arguments.end(), options.begin(), options.end());
-    command.environment = support::currentEnvironment();
-    return command;
-}
 
 // A running server; it must end with status 0 on SIGTERM and have told nothing but what the test expected.
 class Server {
   public:
-    explicit Server(const Texts& options = {}) : process_(command("127.0.0.1:0", options)) {
-        EXPECT_TRUE(process_.waitForOut("\n", 20s)) << process_.err();
-        const std::string out = process_.out();
-        port_ = static_cast<std::uint16_t>(std::atoi(out.substr(out.rfind(':') + 1).c_str()));
-    }
+    explicit Server(const Texts& options = {}) : server_(options) {}
     ~Server() {
         terminate();
-        const support::Outcome outcome = process_.wait(20s);
+        const support::Outcome outcome = server_.process().wait(20s);
         EXPECT_TRUE(outcome.endedByItself);
         EXPECT_EQ(outcome.exitStatus, 0);
         EXPECT_TRUE(complained_ || outcome.err.empty()) << outcome.err;
     }
 
-    std::uint16_t port() const { return port_; }
-    std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
-    void terminate() { process_.kill(SIGTERM); }
+    std::uint16_t port() const { return server_.port(); }
+    std::string address() const { return "127.0.0.1:" + std::to_string(port()); }
+    void terminate() { server_.process().kill(SIGTERM); }
     void expectComplaint(const std::string& message) {
         complained_ = true;
-        EXPECT_TRUE(process_.waitForErr(message, 20s)) << message << "\n--- but:\n" << process_.err();
+        EXPECT_TRUE(server_.process().waitForErr(message, 20s)) << message << "\n--- but:\n"
+                                                                << server_.process().err();
     }
 
   private:
-    support::Process process_;
-    std::uint16_t port_ = 0;
+    DevServer server_;
     bool complained_ = false;
 };
 
@@ -235,18 +219,19 @@ TEST(Devserver, TellsWhatIsWrongWithTheCommandLine) {
     const Server other;
     const std::string any = "127.0.0.1:0";
     const std::pair<support::Command, std::string> cases[] = {
-        {command(other.address(), {}), "cannot listen on " + other.address() + ": Address already in use\n"},
-        {command("127.0.0.1", {}), "--listen: wants ADDRESS:PORT, not 127.0.0.1\n"},
-        {command("127.0.0.1:65536", {}), "--listen: wants a port from 0 to 65535, not 65536\n"},
-        {command(any, {"--sid", "s0-1"}), "--sid: wants exactly 4 letters or digits, not s0-1\n"},
-        {command(any, {"--timeout", "0"}), "--timeout: wants a number from 1 to 86400, not 0\n"},
+        {DevServer::command(other.address(), {}),
+         "cannot listen on " + other.address() + ": Address already in use\n"},
+        {DevServer::command("127.0.0.1", {}), "--listen: wants ADDRESS:PORT, not 127.0.0.1\n"},
+        {DevServer::command("127.0.0.1:65536", {}), "--listen: wants a port from 0 to 65535, not 65536\n"},
+        {DevServer::command(any, {"--sid", "s0-1"}), "--sid: wants exactly 4 letters or digits, not s0-1\n"},
+        {DevServer::command(any, {"--timeout", "0"}), "--timeout: wants a number from 1 to 86400, not 0\n"},
     };
     for (const auto& [line, message] : cases) {
         const support::Outcome outcome = support::run(line, 20s);
         EXPECT_GT(outcome.exitStatus, 0) << message;
         EXPECT_TRUE(contains(outcome.err, message));
     }
-    EXPECT_TRUE(contains(support::run(command(any, {"--help"}), 20s).out, "--misbehave"));
+    EXPECT_TRUE(contains(support::run(DevServer::command(any, {"--help"}), 20s).out, "--misbehave"));
 }
 
 }  // namespace

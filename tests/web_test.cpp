@@ -19,6 +19,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/Contains.h"
+#include "support/DevServer.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
 
@@ -26,6 +28,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using support::Command;
+using support::contains;
 using support::Outcome;
 using support::Process;
 using support::readFile;
@@ -39,11 +42,6 @@ std::string replaceAll(std::string text, const std::string& what, const std::str
     for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size())
         text.replace(at, what.size(), by);
     return text;
-}
-
-testing::AssertionResult contains(const std::string& text, const std::string& part) {
-    if (text.find(part) != std::string::npos) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "no '" << part << "' in:\n" << text;
 }
 
 int processesWith(const std::string& text) {  // in their command lines
@@ -117,10 +115,8 @@ const WebServer kNginx = {"Nginx",
 // A development application server with an identifier.
 class ApplicationServer {
   public:
-    explicit ApplicationServer(const std::string& sid) : process_(command(sid)) {
-        EXPECT_TRUE(process_.waitForOut("\n", 10s)) << process_.err();
-        const std::string line = process_.out();
-        const std::string port = std::to_string(std::atoi(line.substr(line.rfind(':') + 1).c_str()));
+    explicit ApplicationServer(const std::string& sid) : server_({"--sid", sid}) {
+        const std::string port = std::to_string(server_.port());
         entry_ = sid + ",127.0.0.1," + port;
         signature_ = "answered by 127.0.0.1:" + port + " (" + sid + ")";
     }
@@ -129,20 +125,12 @@ class ApplicationServer {
     const std::string& signature() const { return signature_; }  // in every page
 
     void stop() {
-        process_.kill(SIGTERM);
-        EXPECT_TRUE(process_.wait(10s).endedByItself);
+        server_.process().kill(SIGTERM);
+        EXPECT_TRUE(server_.process().wait(10s).endedByItself);
     }
 
   private:
-    static Command command(const std::string& sid) {
-        Command command;
-        command.program = VELARTO_DEVSERVER_PATH;
-        command.arguments = {command.program, "--listen", "127.0.0.1:0", "--sid", sid};
-        command.environment = support::currentEnvironment();
-        return command;
-    }
-
-    Process process_;
+    support::DevServer server_;
     std::string entry_;
     std::string signature_;
 };
