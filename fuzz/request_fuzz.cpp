@@ -19,50 +19,32 @@ namespace wire = support::wire;
 constexpr long long kLongestBody = 65536;  // the gateway believes a web server's length, a target does not
 constexpr char kProgram[] = "/cgi-bin/shop";
 
-class Client : public fuzz::Client {
-  public:
-    std::string sent;
-
-    std::uint32_t writeToTransport(const void* src, std::uint32_t len) override {
-        sent.append(static_cast<const char*>(src), len);
-        return len;
+// Takes the variables from the front of the text, up to an empty one, and makes them the environment.
+void takeEnvironment(std::string& text) {
+    static auto& variables = *new std::string;
+    static auto& pointers = *new std::vector<char*>;
+    variables = text;
+    pointers.clear();
+    std::size_t at = 0;
+    while (variables.c_str()[at] != 0) {
+        pointers.push_back(&variables[at]);
+        at = std::min(at + std::strlen(&variables[at]) + 1, variables.size());
     }
-};
+    pointers.push_back(nullptr);
+    environ = pointers.data();
+    text.erase(0, at + 1);
+}
 
-// An environment in place of the process's own.
-class Environment {
-  public:
-    // Takes the variables from the front of the text, up to an empty one.
-    explicit Environment(std::string& text) : text_(text) {
-        std::size_t at = 0;
-        while (text_.c_str()[at] != 0) {
-            pointers_.push_back(&text_[at]);
-            at = std::min(at + std::strlen(&text_[at]) + 1, text_.size());
-        }
-        text.erase(0, at + 1);
-        pointers_.push_back(nullptr);
-        environ = pointers_.data();
-    }
-    Environment(const Environment&) = delete;
-    Environment& operator=(const Environment&) = delete;
-    ~Environment() { environ = own_; }
-
-    static std::string valueOf(const std::string& name) {
-        const char* value = std::getenv(name.c_str());
-        return value != nullptr ? value : "";
-    }
-
-  private:
-    std::string text_;
-    std::vector<char*> pointers_;
-    char** const own_ = environ;
-};
+std::string valueOf(const std::string& name) {
+    const char* value = std::getenv(name.c_str());
+    return value != nullptr ? value : "";
+}
 
 // What the gateway is to make of it.
 wire::Request expectedRequest(const std::string& body) {
     wire::Request request;
     for (const std::string& name : wire::kParameters)
-        request[name] = Environment::valueOf(name);
+        request[name] = valueOf(name);
     if (std::getenv("CONTENT_LENGTH") == nullptr) request["CONTENT_LENGTH"] = "0";
     request["COMMANDLINE"] = kProgram;
     request["REMOTE_PASSWD"] = request["FULLHEADER"] = "";  // these do not travel
@@ -70,8 +52,7 @@ wire::Request expectedRequest(const std::string& body) {
     cookies += cookies.empty() ? "VelartoClient=shop" : "; VelartoClient=shop";
     request.post = body;
     struct stat status {};
-    const std::string path = request["PATH_TRANSLATED"];
-    if (!path.empty() && stat(path.c_str(), &status) == 0)
+    if (stat(request["PATH_TRANSLATED"].c_str(), &status) == 0)
         request.fileTime = static_cast<std::uint32_t>(status.st_mtime);
     return request;
 }
@@ -83,8 +64,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static ve_hclient_t* const connection = VeClientCreateConnection(0);
 
     std::string input(reinterpret_cast<const char*>(data), size);
-    const Environment environment(input);
-    const long long length = std::strtoll(Environment::valueOf("CONTENT_LENGTH").c_str(), nullptr, 10);
+    takeEnvironment(input);
+    const long long length = std::strtoll(valueOf("CONTENT_LENGTH").c_str(), nullptr, 10);
     if (length > kLongestBody && length <= 0xFFFFFFFF) return 0;
     standardInput.write(input);
 
@@ -93,11 +74,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     assert((handle != nullptr) == isWhole);
     if (handle == nullptr) return 0;
 
-    Client client;
+    fuzz::Client client;
     client.setClientName("shop");
     const bool sent = client.SendQuilRequest(TQuilRequest::CastHandleToQuilRequest(handle));
     VeClientFreeRequest(connection, handle);
     const std::string body = input.substr(0, static_cast<std::size_t>(length));
-    assert(sent && client.sent == wire::encode(expectedRequest(body)));
+    assert(sent && client.written == wire::encode(expectedRequest(body)));
     return 0;
 }

@@ -35,18 +35,15 @@ class Runner {
 
     // Waits until the thread sleeps in the kernel (true) or its body has ended (false).
     bool blocks() const {
-        for (int seen = 0; seen < 5 && !done_; seen = asleep() ? seen + 1 : 0)
-            usleep(1000);
+        for (int seen = 0; seen < 5 && !done_; usleep(1000)) {
+            std::ifstream file("/proc/self/task/" + std::to_string(tid_) + "/stat");
+            std::string stat;
+            seen = std::getline(file, stat) && stat.find(") S ") != std::string::npos ? seen + 1 : 0;
+        }
         return !done_;
     }
 
   private:
-    bool asleep() const {
-        std::ifstream file("/proc/self/task/" + std::to_string(tid_) + "/stat");
-        std::string stat;
-        return std::getline(file, stat) && stat[stat.rfind(')') + 2] == 'S';
-    }
-
     std::atomic<pid_t> tid_{0};
     std::atomic<bool> done_{false};
     std::thread thread_;  // last: it uses the others
