@@ -96,10 +96,10 @@ TEST_F(Client, RefusesHandlesOfNothingThatLives) {
 }
 
 TEST_F(Client, SendsTheOperatorsErrorPage) {
-    const std::string file = "ERROR_HTML=" + folder_.path();
-    support::writeFile(folder_ / "page", "<p>%s %d</p>\n");
+    const std::string file = "ERROR_HTML=" + folder_.path(), page = "%s %d" + std::string(70000, 'p');
+    support::writeFile(folder_ / "page", page);
     const std::pair<std::string, std::string> cases[] = {
-        {file + "/page\n", "<p>%s %d</p>\n"},
+        {file + "/page\n", page},
         {file + "/page\nREPORTCLIENTERROR=yes\n", "<p>why</p>"},
         {file + "/missing\n", "Error Code: 609"},
         {"ERROR_HTML=\n", "<p>why</p>"},
