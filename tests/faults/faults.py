@@ -169,6 +169,8 @@ class Baseline:
         self.old_ini, self.new_ini = scenario.ini(options.server), usual.files["clients.ini"][1]
         if self.status != 0 and self.old_ini == self.new_ini:
             raise SystemExit(f"without any fault: status {self.status}, {usual.stdout}")
+        if not re.search(r"(alarm|setitimer)\(.*300", usual.trace):
+            raise SystemExit("no alarm would end it after 300 seconds")
         # Of a document that cannot be read, as of an empty one, the server says that there is none.
         self.answers = [usual.stdout, run_traced(options, scenario, document=b"").stdout]
         calls = [call for call in re.findall(r"(?m)^(\w+)\(", usual.trace) if FAULTS[call]]
