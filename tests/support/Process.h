@@ -1,17 +1,18 @@
-// Process: a child process under full control of a test: its argument vector, environment, descriptors,
-// limits and end.
+// Process: a child process under full control of a test: its argument vector, environment, input and end.
 #pragma once
 
-#include <sys/types.h>
+#include <signal.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 #include <chrono>
-#include <functional>
-#include <set>
 #include <string>
-#include <utility>
 #include <vector>
+
+#include "platform/osfile_impl.h"
+#include "support/TempDir.h"
 
 namespace support {
 
@@ -21,9 +22,6 @@ struct Command {
     std::vector<std::string> environment;  // all of it, "NAME=value"; nothing is inherited
     std::string directory;                 // working directory; empty: the test's own
     std::string input;                     // the whole standard input
-    std::set<int> closed;                  // which of the descriptors 0, 1 and 2 are not open at all
-    std::vector<int> ignoredSignals;       // all others start with their default action
-    uid_t user = static_cast<uid_t>(-1);   // user and group to run as, when the test may change them
 };
 
 struct Outcome {
@@ -35,47 +33,100 @@ struct Outcome {
 };
 
 // The test's own environment, for children that should inherit it.
-std::vector<std::string> currentEnvironment();
+inline std::vector<std::string> currentEnvironment() {
+    std::size_t count = 0;
+    while (environ[count] != nullptr)
+        ++count;
+    return {environ, environ + count};
+}
 
 // One child, running from construction on. It leads a process group of its own; what is left of the group is
-// killed in the end. Input is fed and output collected while an operation waits: between them a child can
-// write as much as a pipe holds. Operations are for one thread.
+// killed in the end. Its standard descriptors are files in memory: it never has to wait for the test. A test
+// that is about pipes, closed descriptors or ignored signals runs the program through a shell.
 class Process {
   public:
-    explicit Process(Command command);
-    Process(const Process&) = delete;
-    ~Process();
+    explicit Process(Command command) {
+        for (Descriptor& file : files_)
+            file.reset(::memfd_create("standard", MFD_CLOEXEC));
+        writeFile(nameOf(0), command.input);
+        const std::vector<char*> arguments = pointers(command.arguments);
+        const std::vector<char*> environment = pointers(command.environment);
+        pid_ = ::fork();
+        if (pid_ != 0) return;
+        // System calls only: another thread of the test may have held any lock.
+        ::setpgid(0, 0);
+        for (int standard = 0; standard < 3; ++standard)
+            ::dup2(files_[static_cast<std::size_t>(standard)].get(), standard);
+        ::close_range(3, ~0U, 0);
+        if (command.directory.empty() || ::chdir(command.directory.c_str()) == 0)
+            ::execve(command.program.c_str(), arguments.data(), environment.data());
+        ::_exit(127);
+    }
+    ~Process() {
+        if (running()) wait({});
+    }
 
     pid_t pid() const { return pid_; }
-    bool running() { return !reap(); }
-    void kill(int signal);  // to the child itself; nothing once it ended
+    bool running() {
+        if (!ended_) ended_ = ::waitpid(pid_, &status_, WNOHANG) == pid_;
+        return !ended_;
+    }
+    void kill(int signal) {  // to the child itself; nothing once it ended
+        if (running()) ::kill(pid_, signal);
+    }
 
-    std::string out() { return captured(1); }  // so far
-    std::string err() { return captured(2); }
-    // Waits until what was captured contains the text; false when the child closed the stream or the limit
-    // passed before.
-    bool waitForOut(const std::string& text, std::chrono::milliseconds limit);
-    bool waitForErr(const std::string& text, std::chrono::milliseconds limit);
+    std::string out() const { return readFile(nameOf(1)); }  // so far
+    std::string err() const { return readFile(nameOf(2)); }
+    // Waits until what was written contains the text; false when the child ended or the limit passed before.
+    bool waitForOut(const std::string& text, std::chrono::milliseconds limit) {
+        return waitUntil([&] { return out().find(text) != std::string::npos; }, limit);
+    }
+    bool waitForErr(const std::string& text, std::chrono::milliseconds limit) {
+        return waitUntil([&] { return err().find(text) != std::string::npos; }, limit);
+    }
 
     // Waits for the end and collects everything. A child still running at the limit is killed.
-    Outcome wait(std::chrono::milliseconds limit);
+    Outcome wait(std::chrono::milliseconds limit) {
+        const bool endedByItself = waitUntil([this] { return !running(); }, limit);
+        kill(SIGKILL);
+        ::kill(-pid_, SIGKILL);
+        while (running())
+            ::usleep(1000);
+        return {endedByItself, WIFEXITED(status_) ? WEXITSTATUS(status_) : -1,
+                WIFSIGNALED(status_) ? WTERMSIG(status_) : 0, out(), err()};
+    }
 
   private:
-    bool pump(const std::function<bool()>& done, std::chrono::milliseconds limit);
-    bool waitFor(std::size_t stream, const std::string& text, std::chrono::milliseconds limit);
-    std::string captured(std::size_t stream);
-    bool reap(int options = WNOHANG);  // true once the child has ended
+    static std::vector<char*> pointers(std::vector<std::string>& texts) {
+        std::vector<char*> result;
+        for (std::string& text : texts)
+            result.push_back(text.data());
+        result.push_back(nullptr);
+        return result;
+    }
 
-    pid_t pid_ = -1;
-    int ended_ = -1;  // a descriptor that is readable once the child has ended
-    bool reaped_ = false;
+    std::string nameOf(std::size_t standard) const {
+        return "/proc/self/fd/" + std::to_string(files_[standard].get());
+    }
+
+    // Until the condition holds, the child has ended or the limit has passed.
+    template <class Condition>
+    bool waitUntil(Condition holds, std::chrono::milliseconds limit) {
+        const auto end = std::chrono::steady_clock::now() + limit;
+        while (!holds() && running() && std::chrono::steady_clock::now() < end)
+            ::usleep(1000);
+        return holds();
+    }
+
+    std::array<Descriptor, 3> files_;
+    pid_t pid_;
+    bool ended_ = false;
     int status_ = 0;
-    std::array<int, 3> descriptors_{-1, -1, -1};  // this side of the standard three; -1: done
-    std::array<std::string, 3> texts_;            // what to feed; what was captured
-    std::size_t fed_ = 0;
 };
 
 // Runs a command to its end.
-Outcome run(Command command, std::chrono::milliseconds limit);
+inline Outcome run(Command command, std::chrono::milliseconds limit) {
+    return Process(std::move(command)).wait(limit);
+}
 
 }  // namespace support

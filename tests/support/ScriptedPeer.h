@@ -2,106 +2,178 @@
 // byte that reaches it.
 #pragma once
 
-#include <sys/socket.h>
-#include <unistd.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 
-#include <cstddef>
-#include <cstdint>
+#include <cstring>
 #include <functional>
-#include <string>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
+#include "platform/osfile_impl.h"
 #include "support/Wire.h"
 
 namespace support {
 
-// One accepted connection. Operations wait for the client, at most 20 seconds; they throw std::runtime_error
-// when something else happens than the script asks for.
+struct Visit {
+    std::string received;   // every byte
+    wire::Request request;  // as far as the script took it
+};
+
+// One accepted connection. Operations wait for the client, at most 20 seconds. They throw std::runtime_error
+// when less comes than the script asks for, which fails the test as anything else that is wrong does.
 class Connection {
   public:
-    Connection(int descriptor, int wakeUp);
-    Connection(const Connection&) = delete;
-    ~Connection() { close(); }
+    Connection(int descriptor, int wakeUp) : socket_(descriptor), wakeUp_(wakeUp) {
+        const timeval limit = {20, 0};
+        ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    }
 
-    std::string receive(std::size_t count);  // exactly
-    void expect(const std::string& bytes);
-    void receiveRequest();  // a whole request, kept in request()
-    void receiveRest();     // whatever comes until the client closes
+    std::string receive(std::size_t count) {  // exactly
+        std::string bytes(count, '\0');
+        const ssize_t got = ::recv(socket_.get(), bytes.data(), count, MSG_WAITALL);
+        bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+        visit_.received += bytes;
+        if (bytes.size() != count) throw std::runtime_error("the client sends too little");
+        return bytes;
+    }
+    void expect(const std::string& bytes) { EXPECT_EQ(receive(bytes.size()), bytes); }
+    void receiveRequest() {  // a whole one, kept in request()
+        receive(12);
+        visit_.request.fileTime = receiveNumber();
+        visit_.request.post = receive(receiveNumber());
+        for (const std::string& name : wire::kParameters) {
+            expect(wire::counted(name));
+            visit_.request[name] = receive(receiveNumber());
+        }
+        receive(4);
+        EXPECT_EQ(visit_.received, wire::encode(visit_.request));
+    }
+    void receiveRest() {  // whatever comes until the client closes
+        char block[65536];
+        for (ssize_t got; (got = ::recv(socket_.get(), block, sizeof block, 0)) > 0;)
+            visit_.received.append(block, static_cast<std::size_t>(got));
+    }
 
-    void send(const std::string& bytes);
+    void send(const std::string& bytes) { ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
     // A server's messages one after the other; the gateway acknowledges headers and bodies.
-    void serve(const std::vector<std::string>& messages);
+    void serve(const std::vector<std::string>& messages) {
+        for (const std::string& message : messages) {
+            send(message);
+            const std::string type = message.substr(8, 4);
+            if (type == wire::number(4)) expect(wire::acknowledgement(4));
+            if (type == wire::number(6)) expect(wire::acknowledgement(6));
+        }
+    }
 
-    void stall();  // neither sends nor receives until the client goes away or the visits are asked for
-    void closeSending() { ::shutdown(descriptor_, SHUT_WR); }  // the client reads an end; its sending goes on
-    void close();
-    void reset();  // ends the connection with an error for the client
+    void stall() {  // neither sends nor receives until the client goes away or the visits are asked for
+        pollfd waits[] = {{socket_.get(), POLLRDHUP, 0}, {wakeUp_, POLLIN, 0}};
+        ::poll(waits, 2, 20000);
+    }
+    void closeSending() { ::shutdown(socket_.get(), SHUT_WR); }  // the client reads an end and can still send
+    void close() { socket_.reset(-1); }
+    void reset() {  // ends the connection with an error for the client
+        const linger abort = {1, 0};
+        ::setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+        close();
+    }
 
-    const std::string& received() const { return received_; }
-    const wire::Request& request() const { return request_; }
+    const Visit& visit() const { return visit_; }
+    const wire::Request& request() const { return visit_.request; }
 
   private:
-    int descriptor_;
-    int wakeUp_;
-    std::string received_;
-    wire::Request request_;
+    std::uint32_t receiveNumber() {
+        std::uint32_t value;
+        std::memcpy(&value, receive(sizeof value).data(), sizeof value);
+        return ntohl(value);
+    }
+
+    Descriptor socket_;
+    const int wakeUp_;
+    Visit visit_;
 };
 
 using Script = std::function<void(Connection&)>;
 
 // A script that takes the request and serves these messages.
-Script answering(std::vector<std::string> messages);
+inline Script answering(std::vector<std::string> messages) {
+    return [messages = std::move(messages)](Connection& connection) {
+        connection.receiveRequest();
+        connection.serve(messages);
+    };
+}
+
+// A socket with a port of 127.0.0.1.
+class LoopbackPort : public Descriptor {
+  public:
+    LoopbackPort() : Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+        auto* any = reinterpret_cast<sockaddr*>(&address);
+        socklen_t size = sizeof address;
+        EXPECT_EQ(::bind(get(), any, size) | ::getsockname(get(), any, &size), 0);
+        port_ = ntohs(address.sin_port);
+    }
+
+    std::uint16_t port() const { return port_; }
+
+  private:
+    std::uint16_t port_;
+};
+
+using DeadPort = LoopbackPort;  // nobody listens for as long as it lives: connecting is refused at once
 
 // Listens on a port of 127.0.0.1 from construction on and plays the script with every client, one after the
 // other, in a thread of its own. When a script returns without closing, what the client still sends is
-// recorded until it closes.
+// recorded until it closes. A script that breaks off fails the test.
 class ScriptedPeer {
   public:
-    struct Visit {
-        std::string received;   // every byte
-        wire::Request request;  // as far as the script took it
-        std::string fault;      // why the script broke off; empty when it did not
-    };
+    explicit ScriptedPeer(Script script) : script_(std::move(script)) {
+        EXPECT_EQ(::listen(listener_.get(), 16), 0);
+        start();
+    }
+    ~ScriptedPeer() { finish(); }
 
-    // A receive buffer of 0 leaves the system's default.
-    explicit ScriptedPeer(Script script, int receiveBuffer = 0);
-    ScriptedPeer(const ScriptedPeer&) = delete;
-    ~ScriptedPeer();
-
-    std::uint16_t port() const { return port_; }
+    std::uint16_t port() const { return listener_.port(); }
 
     // All visits so far: whoever has connected is served to the end first.
-    std::vector<Visit>& visits();
-    // The only one so far; throws std::logic_error when there was another number.
-    Visit& onlyVisit();
+    std::vector<Visit>& visits() {
+        finish();
+        start();
+        return visits_;
+    }
+    Visit& onlyVisit() { return visits().size() == 1 ? visits_[0] : throw std::logic_error("not one visit"); }
 
   private:
-    void start();
-    void finish();  // waits until whoever has connected is served
-    void serve(int descriptor);
+    void start() {
+        wakeUp_.reset(::eventfd(0, EFD_CLOEXEC));
+        thread_ = std::thread([this] {
+            pollfd waits[] = {{listener_.get(), POLLIN, 0}, {wakeUp_.get(), POLLIN, 0}};
+            while (::poll(waits, 2, -1) > 0 && waits[0].revents != 0)
+                serve(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        });
+    }
+    void finish() {
+        ::eventfd_write(wakeUp_.get(), 1);
+        thread_.join();
+    }
+    void serve(int descriptor) {
+        Connection connection(descriptor, wakeUp_.get());
+        try {
+            script_(connection);
+            connection.receiveRest();
+        } catch (const std::exception& reason) {
+            ADD_FAILURE() << "the script breaks off: " << reason.what();
+        }
+        visits_.push_back(connection.visit());
+    }
 
-    Script script_;
-    int listener_;
-    int wakeUp_;  // readable: to finish when nobody waits any more
-    std::uint16_t port_;
+    const Script script_;
+    const LoopbackPort listener_;
+    Descriptor wakeUp_;  // readable: to finish when nobody waits any more
     std::vector<Visit> visits_;
     std::thread thread_;
-};
-
-// A port of 127.0.0.1 on which nobody listens for as long as this lives: connecting is refused at once.
-class DeadPort {
-  public:
-    explicit DeadPort(std::uint16_t port = 0);  // 0: any
-    DeadPort(const DeadPort&) = delete;
-    ~DeadPort() { ::close(descriptor_); }
-
-    std::uint16_t port() const { return port_; }
-    bool held() const { return port_ != 0; }  // false: somebody listens on the port asked for
-
-  private:
-    int descriptor_;
-    std::uint16_t port_ = 0;
 };
 
 }  // namespace support

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -14,7 +13,7 @@ namespace support {
 
 class TempDir {
   public:
-    TempDir() : path_((std::filesystem::temp_directory_path() / "velarto-test-XXXXXX").string()) {
+    TempDir() {
         if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("no temporary folder: " + path_);
     }
     TempDir(const TempDir&) = delete;
@@ -27,15 +26,13 @@ class TempDir {
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
   private:
-    std::string path_;
+    std::string path_ = std::filesystem::temp_directory_path() / "velarto-test-XXXXXX";
 };
 
 inline std::string readFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     if (!file) throw std::runtime_error("cannot read " + path);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 inline void writeFile(const std::string& path, const std::string& content) {

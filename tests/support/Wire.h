@@ -1,20 +1,19 @@
-// Wire: messages between gateway and application server as plain bytes, built and taken apart here from
-// scratch, so that what the product writes is judged by a second opinion.
+// Wire: messages between gateway and application server as plain bytes, built here from scratch, so that what
+// the product writes is judged by a second opinion.
 #pragma once
 
-#include <algorithm>
+#include <arpa/inet.h>
+
 #include <array>
 #include <cstdint>
-#include <functional>
+#include <map>
 #include <string>
 
 namespace support::wire {
 
 inline std::string number(std::uint32_t value) {
-    std::string bytes;
-    for (int shift = 24; shift >= 0; shift -= 8)
-        bytes.push_back(static_cast<char>(value >> shift & 0xFF));
-    return bytes;
+    const std::uint32_t bytes = htonl(value);
+    return {reinterpret_cast<const char*>(&bytes), sizeof bytes};
 }
 
 // A text or a byte block: its length, then its bytes.
@@ -58,43 +57,17 @@ inline const std::array<std::string, 25> kParameters = {
     "CONTENT_TYPE", "CONTENT_LENGTH", "PLUGIN",          "REMOTE_ADDR",    "HTTP_COOKIE",
     "COMMANDLINE",  "HTTP_FROM",      "HTTP_ACCEPT",     "SOAPACTION",     "FULLHEADER"};
 
-struct Request {
+// The values of the parameters by their names, and more.
+struct Request : std::map<std::string, std::string> {
     std::uint32_t fileTime = 0;
     std::string post;
-    std::array<std::string, 25> values;  // in the order of kParameters
-
-    std::string& operator[](const std::string& name) {
-        const auto at = std::find(kParameters.begin(), kParameters.end(), name);
-        return values.at(static_cast<std::size_t>(at - kParameters.begin()));
-    }
 };
 
-inline std::string encode(const Request& request) {
+inline std::string encode(Request request) {
     std::string fields = number(request.fileTime) + counted(request.post);
-    for (std::size_t i = 0; i < kParameters.size(); ++i)
-        fields += counted(kParameters[i]) + counted(request.values[i]);
+    for (const std::string& name : kParameters)
+        fields += counted(name) + counted(request[name]);
     return message(1, fields);
-}
-
-// Takes a request apart as it arrives: take(n) yields the next n bytes. What came is well-formed when the
-// result encodes to the same bytes.
-inline Request decode(const std::function<std::string(std::size_t)>& take) {
-    const auto takeNumber = [&] {
-        std::uint32_t value = 0;
-        for (const char byte : take(4))
-            value = value << 8 | static_cast<unsigned char>(byte);
-        return value;
-    };
-    Request request;
-    take(12);
-    request.fileTime = takeNumber();
-    request.post = take(takeNumber());
-    for (std::string& value : request.values) {
-        take(takeNumber());
-        value = take(takeNumber());
-    }
-    take(4);
-    return request;
 }
 
 }  // namespace support::wire

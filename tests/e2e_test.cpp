@@ -1,0 +1,339 @@
+// End to end: what the real gateway makes of its name, environment, standard input and configuration, and of
+// what an application server sends.
+#include <cstdio>
+#include <filesystem>
+#include <future>
+#include <map>
+
+#include "client/QuilClientError.h"
+#include "support/Gateway.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+using namespace support;
+using Texts = std::vector<std::string>;
+
+class Gateway : public GatewayTest {
+  protected:
+    static void expectPage(const Outcome& outcome, int code, const std::string& detail,
+                           const std::string& before = "") {
+        QuilClientError error;
+        error.SetError(static_cast<std::uint32_t>(code), detail.c_str());
+        const std::string page = error.GetErrorHtml(error.code());
+        EXPECT_EQ(outcome.out, before + "Content-type: text/html\r\n\r\n" + page);
+        EXPECT_EQ(outcome.exitStatus, code & 0xFF);
+    }
+
+    std::string parseMessage(const std::string& client) const {
+        return "An error occurred while parsing the config file " + clientsFile() + " for client " + client +
+               ". Check the file format is correct and the owner of the http process has file permissions to "
+               "read the file.";
+    }
+
+    // A shell that becomes the gateway, after something else or with redirections.
+    static Command inShell(Command command, const std::string& before, const std::string& redirections) {
+        const std::string script = before + " exec -a \"$0\" \"$1\" " + redirections;
+        command.arguments = {"bash", "-c", script, command.arguments[0], command.program};
+        command.program = "/bin/bash";
+        return command;
+    }
+    Outcome runCommand(const Command& command) {
+        Process gateway(command);
+        return finish(gateway);
+    }
+};
+
+// ---- the request ----
+
+// More than what lies between the gateway and its server holds. The body comes through a pipe, in pieces.
+TEST_F(Gateway, LargeRequestOfEveryByteArrivesWhole) {
+    std::string body(20000000, '\0'), text(65536, 'q');
+    for (std::size_t i = 0; i < body.size(); ++i)
+        body[i] = static_cast<char>(i * 7 + i / 251);
+    for (std::size_t byte = 1; byte < 256; ++byte)
+        text[byte - 1] = static_cast<char>(byte);
+    ScriptedPeer& server = serveAlone(kAnswer);
+    const Command command = this->command({"QUERY_STRING=" + text, "HTTP_COOKIE=" + text}, body);
+    expectSuccess(runCommand(inShell(command, "cat |", "")), kAnswerOutput);
+    wire::Request request = server.onlyVisit().request;
+    EXPECT_TRUE(request.post == body);
+    EXPECT_EQ(request["QUERY_STRING"], text);
+    EXPECT_EQ(request["HTTP_COOKIE"], text + "; VelartoClient=shop");
+}
+
+TEST_F(Gateway, ContentLengthDecidesHowMuchIsRead) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"", ""},       {"abc", ""},     {" +4x", "abcd"},        {"3", "abc"},
+        {"7", nullptr}, {"-4", nullptr}, {"4294967300", nullptr}, {"99999999999999999999", nullptr}};
+    for (const auto& [length, body] : cases) {
+        SCOPED_TRACE(length);
+        ScriptedPeer& server = serveAlone(kAnswer);
+        const Outcome outcome = run({"CONTENT_LENGTH="s + length}, "abcd");
+        if (body == nullptr) {
+            expectPage(outcome, 603, "");
+            EXPECT_TRUE(server.visits().empty());
+        } else {
+            expectSuccess(outcome, kAnswerOutput);
+            EXPECT_EQ(server.onlyVisit().request.post, body);
+        }
+    }
+}
+
+TEST_F(Gateway, ProgramPathNamesTheClientAndTheMode) {
+    const std::string whole = "HTTP/1.0 200 OK\r\n" + kAnswerOutput;
+    const std::pair<std::string, std::string> cases[] = {
+        {"./SHOP", kAnswerOutput}, {"/x/NPH-shop", kAnswerOutput}, {"/a b//nph-shop", whole}};
+    for (const auto& [path, output] : cases) {
+        ScriptedPeer& server = serveAlone(kAnswer);
+        expectSuccess(run({}, "", path), output);
+        wire::Request request = server.onlyVisit().request;
+        EXPECT_EQ(request["COMMANDLINE"], path);
+        EXPECT_EQ(request["HTTP_COOKIE"], "VelartoClient=" + path.substr(path.rfind('/') + 1));
+    }
+}
+
+// With a standard descriptor closed, a socket or a file may get its number: nothing may be mixed up then.
+TEST_F(Gateway, ClosedDescriptorsChangeNothingElse) {
+    for (const std::string closed : {"0<&-", "1>&-", "2>&-", "0<&- 1>&-", "0<&- 2>&-", "0<&- 1>&- 2>&-"}) {
+        SCOPED_TRACE(closed);
+        ScriptedPeer& server = serveAlone(kAnswer);
+        const Outcome outcome = runCommand(inShell(command(), "", closed));
+        expectSuccess(outcome, closed.find('1') != std::string::npos ? "" : kAnswerOutput);
+        const std::string request = wire::encode(server.onlyVisit().request);
+        EXPECT_EQ(server.onlyVisit().received, request + wire::acknowledgement(6) + wire::acknowledgement(4));
+    }
+    serveAlone(kAnswer);
+    expectPage(runCommand(inShell(command({}, "body"), "", "0<&-")), 603, "");
+}
+
+// The standard ones, the second of them leading nowhere, what stood there before, and the connection. The
+// alarm must end a gateway that hangs, whatever the web server did with that signal.
+TEST_F(Gateway, HoldsFiveDescriptorsUntilTheAlarmEndsIt) {
+    std::promise<void> asked;
+    serveAlone([&](Connection& connection) {
+        connection.receiveRequest();
+        asked.set_value();
+        connection.stall();
+    });
+    sigset_t blocked, before;
+    ::sigfillset(&blocked);
+    ::pthread_sigmask(SIG_BLOCK, &blocked, &before);  // of the child, too
+    Process gateway(inShell(command(), "trap '' ALRM PIPE;", ""));
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_EQ(asked.get_future().wait_for(20s), std::future_status::ready);
+    std::map<std::string, std::string> open;
+    for (const auto& file : fs::directory_iterator("/proc/" + std::to_string(gateway.pid()) + "/fd"))
+        open[file.path().filename()] = fs::read_symlink(file.path());
+    EXPECT_EQ(open.size(), 5u) << ::testing::PrintToString(open);
+    EXPECT_EQ(open["2"], "/dev/null");
+    EXPECT_EQ(open["4"].substr(0, 7), "socket:");
+    gateway.kill(SIGALRM);
+    EXPECT_EQ(gateway.wait(20s).signal, SIGALRM);
+}
+
+// ---- the answer ----
+
+const std::string kFields = "Content-Type: text/plain\r\n\r\n";
+
+TEST_F(Gateway, MessagesMayComeInAnyOrderAndNumber) {
+    const std::string second = "X: " + std::string(70000, 'x') + "\r\n\r\n", bytes = "\0\n%s\xFF"s;
+    const std::pair<Texts, std::string> cases[] = {
+        {{wire::end()}, ""},
+        {{wire::body(bytes), kAnswer[0], wire::body(second), wire::end()}, bytes + kFields + second},
+        {{kAnswer[0], wire::header("HTTP/1.1 404 No\r\n" + second), wire::end()}, kFields + second}};
+    for (const auto& [messages, output] : cases) {
+        serveAlone(messages);
+        expectSuccess(run(), output);
+    }
+}
+
+TEST_F(Gateway, FileIsSentFromWhereItsPathIsParsed) {
+    writeFile(folder_ / "page", "a\0b\r\n\x80"s);
+    const Script script = [](Connection& connection) {
+        connection.receiveRequest();
+        connection.send(wire::fileRequest("..\\page"));
+        connection.expect(wire::fileReply("a\0b\r\n\x80"s));
+        connection.serve(kAnswer);
+    };
+    serveAlone(script, "PARSEFILEPATHS=Yes\n");
+    expectSuccess(run(), kAnswerOutput);
+}
+
+TEST_F(Gateway, AnswerThatBreaksOffOrIsWrongEndsInThePage) {
+    const std::string header = kAnswer[0], body = kAnswer[1];
+    const struct {
+        Texts messages;
+        std::string rest;
+        std::string output;
+    } cases[] = {
+        {{}, "", ""},
+        {{}, header.substr(0, 5), ""},
+        {{}, header.substr(0, header.size() - 1), ""},
+        {{}, header.substr(0, header.size() - 1) + "?", ""},
+        {{}, "HTTP/1.0 400 Bad Request\r\n\r\n", ""},
+        {{}, wire::message(1, wire::counted("x")), ""},
+        {{}, wire::message(4).substr(0, 12) + wire::number(0x80000000) + "bytes", ""},
+        {{header}, "", kFields},
+        {{header}, body.substr(0, body.size() - 1), kFields},
+        {{header, body}, "", kAnswerOutput},
+        {{header, body, wire::header("no status line")}, "", kAnswerOutput},
+    };
+    for (const auto& c : cases) {
+        for (const bool resets : {false, true}) {
+            SCOPED_TRACE(::testing::PrintToString(c.rest) + c.output + (resets ? " reset" : ""));
+            serveAlone([&](Connection& connection) {
+                connection.receiveRequest();
+                connection.serve(c.messages);
+                connection.send(c.rest);
+                resets ? connection.reset() : connection.closeSending();
+            });
+            expectPage(run(), 605, "", c.output);
+        }
+    }
+}
+
+TEST_F(Gateway, StalledServerEndsItAtTheTimeOutAndALostOneAtOnce) {
+    const std::pair<int, Script> cases[] = {
+        {605, [](Connection& c) { c.receiveRequest(), c.stall(); }},
+        {605, [](Connection& c) { c.receiveRequest(), c.send(kAnswer[0].substr(0, 18)), c.stall(); }},
+        {604, [](Connection& c) { c.receive(1000), c.stall(); }},
+        {604, [](Connection& c) { c.receive(1000), c.reset(); }},
+        // The way that makes a careless sender end by SIGPIPE.
+        {604, [](Connection& c) { c.receive(1000), c.closeSending(), c.reset(); }}};
+    for (const auto& [code, script] : cases) {
+        ScriptedPeer& server = serveAlone(script, "CLIENTIOTIMEOUT=1\n");
+        const std::string detail = "The request was sent to the Velarto Server on IP 127.0.0.1 Port ";
+        expectPage(run({}, std::string(20 << 20, 'b')), code,
+                   code == 604 ? detail + std::to_string(server.port()) : "");
+    }
+}
+
+// ---- the configuration ----
+
+TEST_F(Gateway, UnusableFileIsToldAndLeft) {
+    const std::string section = "[Velarto Client Definitions]\nshop=\n\n[shop]\n";
+    for (const std::string& bad : {""s, std::string(1000, '\0'), section + "VELARTO_SERVER=a,1\nwhat\n",
+                                   section + "VELARTO_SERVER=\n", section + "VELARTO_HOST=127.0.0.1\n"}) {
+        writeFile(clientsFile(), bad);
+        expectPage(run(), 601, parseMessage("shop"));
+        EXPECT_EQ(readFile(clientsFile()), bad);
+    }
+    fs::remove(clientsFile());
+    expectPage(run({}, "", "/srv/cgi/" + std::string(65536, 'n')), 601, parseMessage(std::string(255, 'n')));
+    EXPECT_FALSE(fs::exists(clientsFile()));
+    for (const char* name : {"", "/", "/srv/shop/"})
+        expectPage(run({}, "", name), 601, "No client name defined");
+}
+
+const std::string kBefore =
+    "; by hand\n[Velarto Client Definitions]\nshop=\nAdmin=\n\n[shop]\nb=2\nA=1\n\n[Admin]\nx=y";
+const std::string kAfter =
+    "[Velarto Client Definitions]\nAdmin=\nnew=\nshop=\n\n[shop]\nA=1\nb=2\n\n[Admin]\nx=y\n\n[new]\n"
+    "VELARTO_SERVER=127.0.0.1,18155\n\n";
+
+TEST_F(Gateway, FirstRunAddsTheSectionAndKeepsAllElse) {
+    writeFile(clientsFile(), kBefore);
+    fs::permissions(clientsFile(), fs::perms(0640));
+    for (const char* name : {"/srv/cgi/new", "NEW"})  // the second one finds the section
+        run({}, "", name);                            // whoever listens on that port
+    EXPECT_EQ(readFile(clientsFile()), kAfter);
+    EXPECT_EQ(fs::status(clientsFile()).permissions(), fs::perms(0640));
+}
+
+TEST_F(Gateway, FirstRunInAReadOnlyFolderNeedsTheRightToWriteTheFile) {
+    const std::string program = folder_ / "new";  // where everybody can go
+    fs::copy_file(VELARTO_CGI_PATH, program);
+    Command command = this->command();
+    command.program = "/usr/bin/setpriv";
+    command.arguments = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", program};
+    if (::geteuid() != 0) command.arguments = {"setpriv", program};  // modes do not bind root
+
+    writeFile(clientsFile(), kBefore);
+    fs::permissions(folder_.path(), fs::perms(0755));
+    fs::permissions(folder_ / "configuration", fs::perms(0555));
+    fs::permissions(clientsFile(), fs::perms(0444));
+    expectPage(runCommand(command), 601, parseMessage("new"));
+    EXPECT_EQ(readFile(clientsFile()), kBefore);
+    fs::permissions(clientsFile(), fs::perms(0666));
+    runCommand(command);
+    EXPECT_EQ(readFile(clientsFile()), kAfter);
+}
+
+// Not every name can be written so that it reads back; whatever becomes of such a client, the others go on.
+TEST_F(Gateway, NoNameMakesTheFileUnreadableForOthers) {
+    for (const std::string& name :
+         {"a=b"s, "a;b"s, "[a]"s, ";a"s, "=a"s, " a"s, "\r\n%s%n\"'\\\xE9"s, std::string(300, 'n')}) {
+        SCOPED_TRACE(name);
+        serveAlone(kAnswer);
+        run({}, "", "/srv/cgi/" + name);
+        expectSuccess(run(), kAnswerOutput);
+    }
+}
+
+// ---- the choice of a server ----
+
+TEST_F(Gateway, RequestReachesTheServerItAsksFor) {
+    const std::string reference = "Velarto_UserReference=s002" + std::string(24, '-');
+    const std::string sent = "VelartoClient=shop; Velarto_CGIIP=s002";
+    const struct {
+        std::string query, cookie, body, sent;
+    } cases[] = {{"srv=s002", "a=1", "", "a=1; VelartoClient=shop"},
+                 {"", reference, "", reference + "; " + sent},
+                 {reference, "", "", sent},
+                 {"", "", "x=1&" + reference, sent}};
+    for (const auto& c : cases) {
+        ScriptedPeer &first = serve(answering(kAnswer)), &second = serve(answering(kAnswer));
+        configure("s001," + entry(first.port()) + ":s002," + entry(second.port()),
+                  "FORCE_SERVER_ARG_NAME=srv\n");
+        expectSuccess(run({"QUERY_STRING=" + c.query, "HTTP_COOKIE=" + c.cookie}, c.body), kAnswerOutput);
+        EXPECT_EQ(second.onlyVisit().request["HTTP_COOKIE"], c.sent);
+    }
+}
+
+TEST_F(Gateway, ForcedServerHasNoSubstituteAndAnNphPageHasAStatusLine) {
+    const DeadPort dead;
+    ScriptedPeer& live = serve(answering(kAnswer));
+    const std::string forced = "s001," + entry(dead.port()), query = "QUERY_STRING=srv=s001";
+    const std::string error = " 500 Internal Server Error\n", software = "web/1 %s%n";
+    const auto detailFor = [&](const std::string& client) {
+        return "Tried connecting to Velarto Server for client " + client + " on " + forced;
+    };
+    configure(forced + ":s002," + entry(live.port()), "FORCE_SERVER_ARG_NAME=srv\n");
+    expectPage(run({query}), 602, detailFor("shop"));
+    expectPage(run({query, "SERVER_SOFTWARE=" + software}, "", "nph-shop"), 602, detailFor("nph-shop"),
+               "HTTP/1.0" + error + "Server: " + software + "\n");
+    expectPage(run({query, "SERVER_PROTOCOL=HTTP/1.1"}, "", "nph-shop"), 602, detailFor("nph-shop"),
+               "HTTP/1.1" + error);
+    EXPECT_TRUE(live.visits().empty());
+}
+
+// Whatever is wrong with the others, the good one is found. The port is taken modulo 65536; the route names
+// the one really connected to. Of the file only the older form is changed.
+TEST_F(Gateway, TheServerThatListensIsFoundInAnyForm) {
+    const DeadPort dead;
+    ScriptedPeer& server = serve(answering(kAnswer));
+    const std::string down = std::to_string(dead.port()), up = std::to_string(server.port());
+    const std::string good = ":localhost," + std::to_string(server.port() + 65536);
+    const std::string list = "VELARTO_SERVER=127.0.0.1," + down + ":127.0.0.1," + up + "\n";
+    const std::string older = "VELARTO_HOST=127.0.0.1\nVELARTO_PORT=" + down + ":" + up + "\n";
+    const Texts sections[] = {
+        {"VELARTO_SERVER=127.0.0.1,x:,,:1.2.3.4.5,80:" + std::string(3000, ',') + good + "\n"},
+        {"VELARTO_SERVER=127.0.0.1:" + down + ",localhost:" + up + "\n"},
+        {older, older + list + "\n"}};
+    const std::string start = "[Velarto Client Definitions]\nshop=\n\n[shop]\n";
+    for (const Texts& section : sections) {
+        SCOPED_TRACE(section.front());
+        writeFile(clientsFile(), start + section.front());
+        expectSuccess(run(), kAnswerOutput);
+        EXPECT_EQ(readFile(clientsFile()), start + section.back());
+        char route[16];
+        std::snprintf(route, sizeof route, "7F000001%04X", server.port());
+        EXPECT_EQ(server.visits().back().request["HTTP_COOKIE"],
+                  "VelartoClient=shop; Velarto_CGIIP="s + route);
+    }
+}
+
+}  // namespace
