@@ -20,18 +20,9 @@ using support::writeFile;
 using Texts = std::vector<std::string>;
 
 const std::string kFile =
-    "[Velarto Client Definitions]\n"
-    "admin=\n"
-    "shop=\n"
-    "\n"
-    "[shop]\n"
-    "CLIENTIOTIMEOUT=30\n"
-    "VELARTO_SERVER=s001,10.0.0.5,18155:s002,10.0.0.6,18155\n"
-    "\n"
-    "[admin]\n"
-    "VELARTO_HOST=10.0.0.7\n"
-    "VELARTO_PORT=18155:18156\n"
-    "\n";
+    "[Velarto Client Definitions]\nadmin=\nshop=\n\n"
+    "[shop]\nCLIENTIOTIMEOUT=30\nVELARTO_SERVER=s001,10.0.0.5,18155:s002,10.0.0.6,18155\n\n"
+    "[admin]\nVELARTO_HOST=10.0.0.7\nVELARTO_PORT=18155:18156\n\n";
 const std::string kSections = kFile.substr(kFile.find("[shop]"));  // without the list of clients
 
 class Config : public testing::Test {

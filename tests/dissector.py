@@ -45,6 +45,14 @@ def bytes_of(message):
     return b"".join(data for _, _, data in message)
 
 
+def as_shown(messages):
+    return [[(name, shown) for name, shown, _ in one] for one in messages]
+
+
+def of_side(side, messages):
+    return [one for one in messages if one[0][:2] == ("sender", side)]
+
+
 VALUES = {"REQUEST_METHOD": "GET", "PATH_INFO": "/document", "HTTP_COOKIE": "c=2"}
 REQUEST = message(
     GATEWAY, 1, number("request.file_time", 7), text("body", bytes(range(256))),
@@ -67,8 +75,8 @@ CONVERSATION = [
 ]
 INFOS = (
     "Request GET /document, 256 bytes; File request ./document; File reply, 1300 bytes; "
-    "File request ./missing; File reply, no such file; HTTP header 200 OK, 19 bytes; Acknowledgement (header); Body, 80000 bytes; "
-    "Acknowledgement (body); End"
+    "File request ./missing; File reply, no such file; HTTP header 200 OK, 19 bytes; "
+    "Acknowledgement (header); Body, 80000 bytes; Acknowledgement (body); End"
 ).split("; ")
 
 # What in a header message becomes what, and what is said of it. The end message behind it is shown still.
@@ -108,31 +116,28 @@ def damaged(old, new):
 
 
 def write_capture(path, connections):
-    """Each connection: its server port, whether its handshake is seen, its segments; around them IPv4 and TCP."""
+    """IPv4 and TCP around the segments of each connection, which begins before the capture does."""
     with open(path, "wb") as file:
         file.write(struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 1 << 18, 101))
-        for connection, (port, opened, segments) in enumerate(connections):
+        for connection, (port, segments) in enumerate(connections):
             ends = {GATEWAY: (40000 + connection, b"\x0a\0\0\1"), SERVER: (port, b"\x0a\0\0\2")}
             position = {GATEWAY: 1000, SERVER: 5000}
-            ack, fin, syn = 0x10, 0x11, 0x02
-            opening = [(GATEWAY, b"", syn), (SERVER, b"", syn | ack)] if opened else []
-            closing = [(SERVER, b"", fin), (GATEWAY, b"", fin)]
-            for sender, data, flags in (*opening, *((*segment, ack) for segment in segments), *closing):
+            for sender, data in [*segments, (SERVER, b""), (GATEWAY, b"")]:  # nothing: it closes
                 other = SERVER if sender == GATEWAY else GATEWAY
                 (source, source_ip), (target, target_ip) = ends[sender], ends[other]
                 ip = struct.pack(">BBHIHH", 0x45, 0, 40 + len(data), 0, 0x4006, 0) + source_ip + target_ip
                 places = source, target, position[sender], position[other]
-                tcp = struct.pack(">HHIIHHI", *places, 0x5000 | flags, 65535, 0)
+                tcp = struct.pack(">HHIIHHI", *places, 0x5010 if data else 0x5011, 65535, 0)
                 packet = ip + tcp + data
                 file.write(struct.pack("=IIII", connection, 0, len(packet), len(packet)) + packet)
-                position[sender] += len(data) + (flags & 3 != 0)
+                position[sender] += max(len(data), 1)
 
 
 # ---- What is shown ---------------------------------------------------------------------------------------
 
 
 def tshark(dissector, capture, *options):
-    command = ["tshark", "-n", "-r", capture, "-X", f"lua_script:{dissector}", "-Y", "velarto", *options]
+    command = ["tshark", "-n", "-r", capture, "-X", f"lua_script:{dissector}", *options]
     run = subprocess.run(command, capture_output=True, text=True, timeout=60, check=True)
     complaints = [line for line in run.stderr.splitlines() if not line.startswith("Running as user")]
     assert not complaints and "Lua Error" not in run.stdout, complaints or "a Lua error"
@@ -146,7 +151,7 @@ def shown_field(field):
 
 
 def shown_connections(pdml):
-    """By number: messages, as lists of name and value; and complaints."""
+    """Of each: messages, as lists of name and value; and complaints."""
     connections = {}
     for packet in xml.fromstring(pdml).iter("packet"):
         stream = int(packet.find(".//field[@name='tcp.stream']").get("show"))
@@ -155,15 +160,7 @@ def shown_connections(pdml):
             experts = one.iterfind(".//field[@name='_ws.expert.message']")
             complaints += [expert.get("show") for expert in experts]
             messages.append([shown_field(field) for field in one if field.get("name").startswith("velarto.")])
-    return connections
-
-
-def as_shown(messages):
-    return [[(name, shown) for name, shown, _ in one] for one in messages]
-
-
-def of_side(side, messages):
-    return [one for one in messages if one[0][:2] == ("sender", side)]
+    return [connections[stream] for stream in sorted(connections)]
 
 
 def main():
@@ -173,26 +170,23 @@ def main():
     dissector = pathlib.Path(sys.argv[1]).resolve()
     short = [one for one in CONVERSATION if one is not LONG_BODY]
     whole = [
-        (PORT, True, CONVERSATION, by_messages(CONVERSATION)),
-        (OTHER_PORT, False, CONVERSATION, by_messages(CONVERSATION)),
-        (OTHER_PORT, True, CONVERSATION, by_sides(CONVERSATION, 1460)),
-        (PORT, False, short, by_sides(short, 1)),
+        (CONVERSATION, PORT, by_messages(CONVERSATION)),
+        (CONVERSATION, OTHER_PORT, by_sides(CONVERSATION, 1460)),
+        (short, PORT, by_sides(short, 1)),
     ]
-    captured = [(port, opened, segments) for port, opened, _, segments in whole]
+    connections = [one[1:] for one in whole] + [(PORT, damaged(old, new)) for old, new, _ in DAMAGES]
     with tempfile.TemporaryDirectory() as folder:
         capture = pathlib.Path(folder) / "capture.pcap"
-        write_capture(capture, captured + [(PORT, True, damaged(old, new)) for old, new, _ in DAMAGES])
-        connections = shown_connections(tshark(dissector, capture, "-T", "pdml"))
-        write_capture(capture, captured[:1])
-        infos = tshark(dissector, capture, "-T", "fields", "-e", "_ws.col.Info")
-    for number, (_, _, messages, _) in enumerate(whole):
-        shown, complaints = connections[number]
-        assert not complaints, (number, complaints)
-        for side in (GATEWAY, SERVER):
-            assert of_side(side, shown) == of_side(side, as_shown(messages)), (number, side)
+        write_capture(capture, connections)
+        connections = shown_connections(tshark(dissector, capture, "-Y", "velarto", "-T", "pdml"))
+        first = ["-Y", "velarto && tcp.stream == 0", "-T", "fields", "-e", "_ws.col.Info"]
+        infos = tshark(dissector, capture, *first)
     assert infos.replace("; ", "\n").splitlines() == INFOS, infos
-    for number, (_, new, reason) in enumerate(DAMAGES, len(whole)):
-        shown, complaints = connections[number]
+    for (messages, *_), (shown, complaints) in zip(whole, connections):
+        assert not complaints, complaints
+        for side in (GATEWAY, SERVER):
+            assert of_side(side, shown) == of_side(side, as_shown(messages)), side
+    for (_, new, reason), (shown, complaints) in zip(DAMAGES, connections[len(whole) :]):
         assert len(complaints) == 1 and complaints[0].startswith(reason), (reason, complaints)
         assert shown[:1] == as_shown([REQUEST]), reason
         assert new == b"" or shown[-1:] == as_shown([END]), (reason, shown[-1])
