@@ -1,25 +1,22 @@
-// The documents agree with the code: error codes, configuration keys, the example of a configuration; and
-// their links lead somewhere.
-#include <gtest/gtest.h>
+// The documents, as far as a machine can check them: the conversation of the protocol is what the real gateway
+// holds, the configuration shown is one, and links lead somewhere.
+#include <fcntl.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <map>
 #include <regex>
-#include <string>
-#include <vector>
+#include <sstream>
 
-#include "client/QuilClientError.h"
 #include "config/ConfigFile.h"
-#include "support/TempDir.h"
+#include "support/Gateway.h"
 
 namespace {
 
+using namespace support;
 namespace fs = std::filesystem;
-const std::string kProject = VELARTO_EXAMPLES_PATH "/../";
 
-std::string document(const std::string& name) {
-    return support::readFile(kProject + "docs/" + name);
-}
+const std::string kProject = VELARTO_EXAMPLES_PATH "/../";
 
 // What the pattern's groups hold, match after match.
 std::vector<std::smatch> matches(const std::string& text, const char* pattern) {
@@ -27,50 +24,60 @@ std::vector<std::smatch> matches(const std::string& text, const char* pattern) {
     return {std::sregex_iterator(text.begin(), text.end(), regex), std::sregex_iterator()};
 }
 
-TEST(Documents, GiveTheErrorCodesAndExitStatuses) {
-    std::map<unsigned long, unsigned long> expected;
-    for (const unsigned long code :
-         {CLIENT_ERR_ENVIRONMENT, CLIENT_ERR_CONNECT, CLIENT_ERR_PREPARE, CLIENT_ERR_SEND,
-          CLIENT_ERR_DISPATCH, CLIENT_ERR_HTTP_HEADER, CLIENT_ERR_RESERVED, CLIENT_ERR_INTERNAL,
-          CLIENT_ERR_ERROR_HTML, CLIENT_ERR_CONNECTION, CLIENT_ERR_EXCEPTION, CLIENT_ERR_FREE_REQUEST,
-          CLIENT_ERR_FREE_CONNECTION})
-        expected[code] = code & 0xFF;
+using Documents = GatewayTest;
 
-    std::map<unsigned long, unsigned long> documented;
-    const std::string text = document("operation.md");
-    for (const std::smatch& row : matches(text, R"(^\| (\d+) \| (\d+) \|)"))
-        documented[std::stoul(row[1])] = std::stoul(row[2]);
-    EXPECT_EQ(documented, expected);
+TEST_F(Documents, TellAConversationOfTheGateway) {
+    const std::string text = readFile(kProject + "docs/protocol.md");
+    const auto block = matches(text, "```environment\n((?:.+\n)+)```");
+    ASSERT_EQ(block.size(), 1u);
+    std::vector<std::string> environment;
+    std::istringstream variables(block[0][1]);
+    for (std::string variable; std::getline(variables, variable);)
+        environment.push_back(variable);
+
+    // Each line: who sends (I and O are standard input and output, G the gateway, S the server), where in all
+    // that he sends, the bytes.
+    std::vector<std::pair<char, std::string>> lines;
+    std::map<char, std::string> all;
+    for (const auto& line : matches(text, "^([IOGS]) ([0-9A-F]{4})  ((?:[0-9A-F]{2} ?)+)")) {
+        const char sender = *line[1].first;
+        std::string bytes;
+        std::istringstream pairs(line[3]);
+        for (unsigned byte; pairs >> std::hex >> byte;)
+            bytes.push_back(static_cast<char>(byte));
+        EXPECT_EQ(std::stoul(line[2], nullptr, 16), all[sender].size()) << line[0];
+        all[sender] += bytes;
+        lines.emplace_back(sender, bytes);
+    }
+
+    writeFile(folder_ / "greeting.txt", "Hi\n");
+    const timespec times[2] = {{0x5E0BE100, 0}, {0x5E0BE100, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, (folder_ / "greeting.txt").c_str(), times, 0), 0);
+    serveAlone([&lines](Connection& connection) {
+        for (const auto& [sender, bytes] : lines) {
+            if (sender == 'G') connection.expect(bytes);
+            if (sender == 'S') connection.send(bytes);
+        }
+    });
+    expectSuccess(run(environment, all['I']), all['O']);
 }
 
-TEST(Documents, ExplainEveryKey) {
-    const std::string text = document("configuration.md");
-    for (const char* key : {"VELARTO_SERVER", "VELARTO_HOST", "VELARTO_PORT", "CLIENTIOTIMEOUT",
-                            "DOCUMENTPATH", "REGISTER_EXTNS", "ERROR_HTML", "REPORTCLIENTERROR",
-                            "SENDFULLHEADER", "PARSEFILEPATHS", "FORCE_SERVER_ARG_NAME"})
-        EXPECT_NE(text.find("\n### " + std::string(key) + "\n"), std::string::npos) << key;
-}
-
-TEST(Documents, ShowAConfigurationThatHolds) {
-    const std::string text = document("configuration.md");
-    const std::vector<std::smatch> blocks = matches(text, "```ini\n([^`]+)```\n");
+TEST_F(Documents, ShowAConfigurationThatHolds) {
+    const std::string text = readFile(kProject + "docs/configuration.md");
+    const auto blocks = matches(text, "```ini\n([^`]+)```\n");
     ASSERT_FALSE(blocks.empty());
-    const support::TempDir folder;
-    support::writeFile(folder / "clients.ini", blocks.front()[1]);
-    ConfigFile file((folder / "clients.ini").c_str(), "Velarto Client Definitions");
-    EXPECT_TRUE(file.parseConfigFile())
-        << file.lastParseError().reason << " in line " << file.lastParseError().line;
+    writeFile(clientsFile(), blocks[0][1]);
+    ConfigFile file(clientsFile().c_str(), "Velarto Client Definitions");
+    EXPECT_TRUE(file.parseConfigFile()) << file.lastParseError().reason;
     EXPECT_EQ(file.getNumberOfStanzas(), 3u);
-    for (std::uint32_t i = 0; i < file.getNumberOfStanzas(); ++i)
-        EXPECT_NE(file.getStanzaAtIndex(i), nullptr) << i;
 }
 
-TEST(Documents, LinkToWhatIsThere) {
+TEST_F(Documents, LinkToWhatIsThere) {
     std::vector<fs::path> documents = {kProject + "README.md"};
     for (const fs::directory_entry& file : fs::directory_iterator(kProject + "docs"))
         if (file.path().extension() == ".md") documents.push_back(file.path());
     for (const fs::path& path : documents) {
-        const std::string text = support::readFile(path);
+        const std::string text = readFile(path);
         for (const std::smatch& link : matches(text, R"(\]\((?!https?:)([^)#]+)(#[^)]*)?\))"))
             EXPECT_TRUE(fs::exists(path.parent_path() / link.str(1))) << path << ": " << link[1];
     }

@@ -1,0 +1,193 @@
+// The application servers beside the gateway, the development server and the one of examples/. The real gateway
+// asks for their pages; peers that misbehave speak to them byte by byte.
+#include <filesystem>
+
+#include "net/Socket.h"
+#include "support/Contains.h"
+#include "support/DevServer.h"
+#include "support/Gateway.h"
+
+namespace {
+
+using namespace support;
+
+const char* const kPython = "/usr/bin/python3";
+const std::vector<std::string> kExample = {"-Xdev", "-Werror", VELARTO_EXAMPLES_PATH "/appserver.py"};
+const char* const kMissing = "HTTP/1.0 404 Not Found\r\nStatus: 404 Not Found\r\n";
+
+// Somebody who connects as a gateway would and sends this.
+class Peer : public Socket {
+  public:
+    Peer(const AppServer& server, const std::string& bytes) {
+        EXPECT_TRUE(CreateSocket(AF_INET, nullptr, nullptr) && Connect("127.0.0.1", server.port(), kLimit));
+        SetReadWriteTimeout(kLimit);
+        send(bytes);
+    }
+
+    // All that comes until the server closes; "reset" when it resets the connection. Once something has come,
+    // the peer replies.
+    std::string answer(const std::string& reply = {}) {
+        std::string all;
+        char byte = 0;
+        int got;
+        while ((got = ReceiveNum(&byte, 1)) == 1) {
+            if (all.empty()) send(reply);
+            all += byte;
+        }
+        EXPECT_TRUE(got == 0 || GetLastError() == ECONNRESET) << "silence for too long";
+        return got == 0 ? all : all + "reset";
+    }
+
+  private:
+    static constexpr std::uint32_t kLimit = 20000;  // milliseconds
+
+    void send(const std::string& bytes) { SendNum(bytes.data(), static_cast<int>(bytes.size())); }
+};
+
+class Servers : public GatewayTest {
+  protected:
+    struct Page {
+        std::string path, query, part, body = {};  // part: of what the browser gets
+    };
+
+    void expectPages(AppServer& server, const std::vector<Page>& pages) {
+        configure(entry(server.port()));
+        for (const auto& [path, query, part, body] : pages) {
+            const std::vector<std::string> variables = {
+                "PATH_INFO=" + path, "PATH_TRANSLATED=" + folder_.path() + path, "QUERY_STRING=" + query,
+                body.empty() ? "REQUEST_METHOD=GET" : "REQUEST_METHOD=POST",
+                "CONTENT_TYPE=multipart/form-data; boundary=\"--B\""};
+            EXPECT_TRUE(contains(run(variables, body, "nph-shop").out, part));
+        }
+        EXPECT_EQ(server.end(), "");
+    }
+};
+
+TEST_F(Servers, DevelopmentServerServesPages) {
+    DevServer server;
+    const std::string upload =
+        "----B\r\ncontent-disposition: form-data; name=\"f\"; filename=\"a<.txt\"\r\n"
+        "Content-Type: text/plain\r\n\r\n1\r\n2\r\n----B--\r\n";
+    expectPages(server,
+                {{"", "<a='x'>&\"\x01\xC3\xA9\xE9", "&lt;a=&#39;x&#39;&gt;&amp;&quot;\\x01\xC3\xA9\\xE9<"},
+                 {"/form", "b=%3Cb%3E+%zz", "<th scope=\"row\">b</th><td>&lt;b&gt; %zz</td>"},
+                 {"/form", "", "f</th><td>a&lt;.txt (text/plain), 4 bytes\n1\r\n2</td>", upload},
+                 {"/nosuch", "", kMissing},
+                 {"/misbehave", "how=reset", kMissing},
+                 {"/status", "code=777&reason=Odd+<one>", "HTTP/1.0 777 Odd <one>\r\n"},
+                 {"/status", "reason=a%0D%0ASet-Cookie:b", "HTTP/1.0 400 Bad Request\r\n"},
+                 {"/blob", "size=18446744073709551616", "size must be a number"}});
+}
+
+TEST_F(Servers, ExampleServesPagesAndFiles) {
+    AppServer server(kPython, kExample);
+    const std::string large = std::string(1 << 19, '\0') + std::string(1 << 19, '\xFF');
+    for (const char* name : {"file.txt", "large.zaf", "file\\..\\outside"})
+        writeFile(folder_ / name, large);
+    expectPages(server, {{"", "<a'\">&\xC3\xA9\xE9", ">&lt;a&#x27;&quot;&gt;&amp;\xC3\xA9\\xe9<"},
+                         {"/form", "", "<form method=\"post\">"},
+                         {"/form", "", "<td>\xC3\xA9 &lt;b&gt;</td></tr>", "a=%C3%A9+%3Cb%3E"},
+                         {"/file.txt", "", "text/plain\r\nContent-Length: 1048576\r\n\r\n" + large},
+                         {"/large.zaf", "", "HTTP/1.0 200 OK\r\nStatus: 200 OK\r\n"},
+                         {"/file.none", "", kMissing},
+                         {"/file\\..\\outside", "", kMissing}});
+}
+
+TEST_F(Servers, LeavePeersThatMisbehave) {
+    wire::Request request;
+    const std::string page = wire::encode(request);
+    request["PATH_INFO"] = request["PATH_TRANSLATED"] = "/a.zml";
+    const std::string document = wire::encode(request);
+    const auto changed = [&page](std::size_t position, const std::string& bytes) {
+        return std::string(page).replace(position, bytes.size(), bytes);
+    };
+    // 0 mark, 4 version, 8 type, 12 file time, 16 body, 20 first name with its length, 36 its value
+    const struct {
+        std::string bytes;
+        const char* complaint;  // of the development server
+        std::string reply = {};
+    } cases[] = {
+        {"GET / HTTP/1.0\r\n\r\n", "the request does not begin with the frame mark QUIL\n"},
+        {changed(11, "\4"), "the request has the message type 4, not 1\n"},
+        {changed(16, "\xFF\xFF\xFF\xFF"), "body is 4294967295 bytes long, more than 5000\n"},
+        {changed(24, "Q\n"), "parameter 0 of the request is \"Q\\x0AERY_STRING\", not \"QUERY_STRING\"\n"},
+        {changed(36, "\x7F\xFF\xFF\xFF"), "QUERY_STRING is 2147483647 bytes long, more than 1048576\n"},
+        {page + "more than one", "13 bytes follow the request\n"},
+        {page, "acknowledgement of the HTTP header has the message type 4, not 6\n",
+         wire::acknowledgement(4)},
+        {page, "the client refused the HTTP header\n", wire::message(6, wire::number(0))},
+        {document, "the file is 4294967295 bytes long, more than 5000\n",
+         wire::message(3, wire::number(1) + wire::number(~0u))},
+    };
+    const auto provoke = [&](AppServer& server) {
+        configure(entry(server.port()));
+        const Peer stalled(server, "QUIL");
+        for (const auto& c : cases)
+            EXPECT_FALSE(contains(Peer(server, c.bytes).answer(c.reply), "<html")) << c.complaint;
+        for (const std::size_t length : {std::size_t{0}, std::size_t{300}, page.size()})
+            Peer(server, page.substr(0, length));
+        EXPECT_TRUE(contains(run().out, "<html"));
+        EXPECT_FALSE(contains(run({"REQUEST_METHOD=HEAD"}).out, "<html"));
+        return server.end();
+    };
+    AppServer example(kPython, kExample);
+    EXPECT_EQ(provoke(example), "");
+    DevServer developers({"--max-body", "5000"});
+    const std::string complaints = provoke(developers);
+    for (const auto& c : cases)
+        EXPECT_TRUE(contains(complaints, c.complaint));
+    EXPECT_TRUE(contains(complaints, ": cut off, the server ends\n"));
+}
+
+TEST_F(Servers, DevelopmentServerMisbehavesWhenAllowedTo) {
+    DevServer server({"--misbehave"});
+    const auto answer = [&server](const std::string& path, const std::string& query) {
+        wire::Request request;
+        request["PATH_INFO"] = path;
+        request["QUERY_STRING"] = query;
+        return Peer(server, wire::encode(request)).answer();
+    };
+    const std::pair<const char*, std::string> cases[] = {
+        {"how=wrong-mark", "QUIT\xFF\xFD\xFF\xFD"},
+        {"how=wrong-version", "QUIL\xFF\xFD\xFF\xFC"},
+        {"how=unknown-type", "QUIL\xFF\xFD\xFF\xFD" + wire::number(5)},
+        {"how=absurd-length&at=header", wire::number(6) + "\xFF\xFF\xFF\xFFHTTP/1.0 200 OK\r\n"},
+        {"how=bad-status-line", wire::header("HTTP/1.0 OK\r\nContent-Type: text/plain\r\n\r\n")},
+        {"how=wrong-footer", "\r\n\r\nEND?"},
+        {"how=extra-bytes&at=header", "END!EXTRA BYTES"},
+        {"how=reset", "reset"},
+    };
+    for (const auto& [query, bytes] : cases)
+        EXPECT_TRUE(contains(answer("/misbehave", query), bytes)) << query;
+    EXPECT_FALSE(contains(answer("/misbehave", "how=close-in-piece&at=header"), "\r\n\r\n"));
+    EXPECT_EQ(answer("/misbehave", "how=close-now"), "");
+    for (const std::size_t size : {1u, 11u, 50u})
+        EXPECT_EQ(answer("/", "cut=" + std::to_string(size)).size(), size);
+    EXPECT_EQ(server.end(), "");
+}
+
+TEST_F(Servers, DevelopmentServerBoundsConnectionsAndTheirSilence) {
+    DevServer server({"--connections", "1", "--timeout", "1"});
+    Peer first(server, "QUIL");
+    Peer second(server, wire::encode({}));
+    EXPECT_FALSE(second.IsSocketReadable(100));
+    EXPECT_EQ(first.answer(), "");
+    EXPECT_TRUE(contains(second.answer(), "HTTP/1.0 200 OK\r\n"));
+    EXPECT_TRUE(contains(server.end(), "did not come whole: the client was silent for too long"));
+}
+
+TEST_F(Servers, DevelopmentServerTellsWhatIsWrongWithTheCommandLine) {
+    const DevServer other;
+    const std::string taken = "127.0.0.1:" + std::to_string(other.port());
+    const std::vector<std::string> cases[] = {
+        {"--listen", taken, "cannot listen on " + taken + ": Address already in use\n"},
+        {"--listen", "127.0.0.1:65536", "--listen: wants a port from 0 to 65535, not 65536\n"},
+    };
+    for (const std::vector<std::string>& c : cases) {
+        Process server(commandOf({VELARTO_DEVSERVER_PATH, c[0], c[1]}));
+        EXPECT_TRUE(server.waitForErr(c[2], std::chrono::seconds(20))) << server.err();
+        EXPECT_GT(server.wait(std::chrono::seconds(20)).exitStatus, 0);
+    }
+}
+
+}  // namespace
