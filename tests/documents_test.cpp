@@ -1,7 +1,6 @@
 // The documents, as far as a machine can check them: the conversation of the protocol is what the real gateway
 // holds, the configuration shown is one, and links lead somewhere.
-#include <fcntl.h>
-#include <sys/stat.h>
+#include <sys/time.h>
 
 #include <filesystem>
 #include <map>
@@ -28,12 +27,9 @@ using Documents = GatewayTest;
 
 TEST_F(Documents, TellAConversationOfTheGateway) {
     const std::string text = readFile(kProject + "docs/protocol.md");
-    const auto block = matches(text, "```environment\n((?:.+\n)+)```");
-    ASSERT_EQ(block.size(), 1u);
     std::vector<std::string> environment;
-    std::istringstream variables(block[0][1]);
-    for (std::string variable; std::getline(variables, variable);)
-        environment.push_back(variable);
+    for (const auto& variable : matches(text, "^[A-Z_]+=.+"))
+        environment.push_back(variable[0]);
 
     // Each line: who sends (I and O are standard input and output, G the gateway, S the server), where in all
     // that he sends, the bytes.
@@ -51,8 +47,8 @@ TEST_F(Documents, TellAConversationOfTheGateway) {
     }
 
     writeFile(folder_ / "greeting.txt", "Hi\n");
-    const timespec times[2] = {{0x5E0BE100, 0}, {0x5E0BE100, 0}};
-    ASSERT_EQ(::utimensat(AT_FDCWD, (folder_ / "greeting.txt").c_str(), times, 0), 0);
+    const timeval times[2] = {{0x5E0BE100, 0}, {0x5E0BE100, 0}};
+    ASSERT_EQ(::utimes((folder_ / "greeting.txt").c_str(), times), 0);
     serveAlone([&lines](Connection& connection) {
         for (const auto& [sender, bytes] : lines) {
             if (sender == 'G') connection.expect(bytes);
@@ -64,18 +60,14 @@ TEST_F(Documents, TellAConversationOfTheGateway) {
 
 TEST_F(Documents, ShowAConfigurationThatHolds) {
     const std::string text = readFile(kProject + "docs/configuration.md");
-    const auto blocks = matches(text, "```ini\n([^`]+)```\n");
-    ASSERT_FALSE(blocks.empty());
-    writeFile(clientsFile(), blocks[0][1]);
+    writeFile(clientsFile(), matches(text, "```ini\n([^`]+)```\n").at(0)[1]);
     ConfigFile file(clientsFile().c_str(), "Velarto Client Definitions");
     EXPECT_TRUE(file.parseConfigFile()) << file.lastParseError().reason;
-    EXPECT_EQ(file.getNumberOfStanzas(), 3u);
 }
 
 TEST_F(Documents, LinkToWhatIsThere) {
-    std::vector<fs::path> documents = {kProject + "README.md"};
-    for (const fs::directory_entry& file : fs::directory_iterator(kProject + "docs"))
-        if (file.path().extension() == ".md") documents.push_back(file.path());
+    std::vector<fs::path> documents(fs::directory_iterator(kProject + "docs"), {});
+    documents.push_back(kProject + "README.md");
     for (const fs::path& path : documents) {
         const std::string text = readFile(path);
         for (const std::smatch& link : matches(text, R"(\]\((?!https?:)([^)#]+)(#[^)]*)?\))"))

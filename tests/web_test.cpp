@@ -1,6 +1,6 @@
 // The gateway under real web servers, Apache's mod_cgid, lighttpd's mod_cgi and nginx with fcgiwrap, driven by
-// curl. Each test has a web server and two application servers of its own on the loopback address, all files
-// in a temporary folder; the part of the web server's configuration that concerns the gateway is examples/.
+// curl. Each test has a web server and an application server of its own on the loopback address, all files in a
+// temporary folder; the part of the web server's configuration that concerns the gateway is examples/.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,12 +21,7 @@ namespace fs = std::filesystem;
 using Texts = std::vector<std::string>;
 
 bool runs(const std::string& text) {  // a process with this in its command line
-    for (const fs::directory_entry& process : fs::directory_iterator("/proc")) {
-        std::ifstream file(process.path() / "cmdline", std::ios::binary);
-        const std::string line{std::istreambuf_iterator<char>(file), {}};
-        if (line.find(text) != line.npos) return true;
-    }
-    return false;
+    return support::run(commandOf({"/usr/bin/pgrep", "-f", text}), 20s).exitStatus == 0;
 }
 
 // Whether the condition holds within a time that is long enough for everything.
@@ -47,14 +42,12 @@ struct WebServer {
     std::string name;      // support/NAME.conf is the frame of its configuration
     Texts command;         // followed by the path of the configuration
     std::string harmless;  // stands in those lines of the error log that are no complaint
-    std::string nph;       // what the answer of an "nph-" program begins with
 };
 
-// nginx drops the status line of an "nph-" program; the development server has the status in a field as well.
 const WebServer kServers[] = {
-    {"apache", {"/usr/sbin/apache2", "-DFOREGROUND", "-f"}, ":notice]", "HTTP/1.0 "},
-    {"lighttpd", {"/usr/sbin/lighttpd", "-D", "-f"}, "server st", "HTTP/1.1 "},
-    {"nginx", {"/usr/sbin/nginx", "-e", "stderr", "-c"}, "[notice]", "HTTP/1.1 "},
+    {"apache", {"/usr/sbin/apache2", "-DFOREGROUND", "-f"}, ":notice]"},
+    {"lighttpd", {"/usr/sbin/lighttpd", "-D", "-f"}, "server st"},
+    {"nginx", {"/usr/sbin/nginx", "-e", "stderr", "-c"}, "[notice]"},
 };
 
 // One web server with the gateway installed as "nph-shop", a copy, and as "shop", a link to it.
@@ -68,7 +61,7 @@ class Web : public GatewayTest, public testing::WithParamInterface<WebServer> {
             fs::permissions(folder_ / name, fs::perms::all);
         fs::copy_file(VELARTO_CGI_PATH, gateways_ + "nph-shop");
         fs::create_symlink("nph-shop", gateways_ + "shop");
-        configure(bothServers_);
+        configure(server_);
         while (!Socket().IsPortAvailable(port_))
             port_ += 1000;
         writeFile(folder_ / "web.conf", configuration());
@@ -76,8 +69,8 @@ class Web : public GatewayTest, public testing::WithParamInterface<WebServer> {
         start(GetParam().command, folder_ / "web.conf");
         if (GetParam().name == "nginx") {  // it starts no programs itself
             start({"/usr/sbin/fcgiwrap", "-f", "-s"}, "unix:" + fcgiwrap_);
-            const std::regex listening(" 00010000 .* " + fcgiwrap_);
-            EXPECT_TRUE(comesTrue([&] { return std::regex_search(readFile("/proc/net/unix"), listening); }));
+            const std::regex listens(" 00010000 .* " + fcgiwrap_);
+            EXPECT_TRUE(comesTrue([&] { return std::regex_search(readFile("/proc/net/unix"), listens); }));
         }
         EXPECT_TRUE(comesTrue([&] { return support::run(curl("/cgi-bin/shop"), 70s).exitStatus == 0; }))
             << processes_[0].err();
@@ -114,19 +107,16 @@ class Web : public GatewayTest, public testing::WithParamInterface<WebServer> {
     }
 
     const std::string gateways_ = folder_ / "htdocs/cgi-bin/";
-    DevServer first_{{"--sid", "s001"}};
-    DevServer second_{{"--sid", "s002"}};
-    const std::string secondServer_ = "s002," + entry(second_.port());
-    const std::string bothServers_ = "s001," + entry(first_.port()) + ":" + secondServer_;
+    const DevServer devServer_{{"--sid", "s001"}};
+    const std::string server_ = "s001," + entry(devServer_.port());
 
   private:
     // The frame with the examples in it, and the places of this test instead of the system's.
     std::string configuration() const {
-        const std::string examples = VELARTO_EXAMPLES_PATH "/";
-        std::string text = readFile(examples + "../tests/support/" + GetParam().name + ".conf");
+        std::string text = readFile(VELARTO_EXAMPLES_PATH "/../tests/support/" + GetParam().name + ".conf");
         std::vector<std::pair<std::string, std::string>> places;
-        for (const char* name : {"apache.conf", "apache-extension.conf", "lighttpd.conf", "nginx.conf"})
-            places.emplace_back("# @" + std::string(name) + "@", readFile(examples + name));
+        for (const std::string name : {"apache.conf", "apache-extension.conf", "lighttpd.conf", "nginx.conf"})
+            places.emplace_back("# @" + name + "@", readFile(VELARTO_EXAMPLES_PATH "/" + name));
         places.emplace_back("/usr/local/VelartoServer/5.5", folder_.path());
         places.emplace_back("/run/fcgiwrap.socket", fcgiwrap_);
         places.emplace_back("@BASE@", folder_.path());
@@ -154,22 +144,13 @@ INSTANTIATE_TEST_SUITE_P(Under, Web, testing::ValuesIn(kServers),
                          [](const auto& server) { return server.param.name; });
 
 TEST_P(Web, PagesComeThrough) {
-    const std::string document = folder_ / "htdocs/cost.zml";
-    writeFile(folder_ / "htdocs/price.zml", "<p>{{SCRIPT_NAME}}, {{QUERY_STRING}}");
-    writeFile(folder_ / "htdocs/price.zml.txt", "{{SCRIPT_NAME}}");
-    const std::string& nph = GetParam().nph;
     const std::pair<const char*, Texts> pages[] = {
         {"/cgi-bin/shop/",
          {"HTTP/1.1 200 OK\r\n", "\r\nContent-Type: text/html; charset=utf-8\r\n", "a=1; VelartoClient=shop",
           ">SERVER_NAME</th><td>127.0.0.1</td>", ">CONTENT_LENGTH</th><td>0</td>"}},
-        {"/cgi-bin/shop", {">PATH_INFO</th><td></td>", ">PATH_TRANSLATED</th><td></td>"}},
         {"/cgi-bin/shop/status?code=307&location=/else", {"HTTP/1.1 307 ", "\r\nLocation: /else\r\n"}},
-        {"/cgi-bin/nph-shop/status?code=404", {nph + "404 Not Found\r\n", "answered by 127.0.0.1:"}},
-        {"/cgi-bin/nph-shop/price.zml?a&b", {nph + "200 OK\r\n", "<p>/cgi-bin/nph-shop, a&amp;b"}},
-        {"/cost.zml", {"HTTP/1.1 404 ", document}},
+        {"/cgi-bin/nph-shop/status?code=404", {" 404 Not Found\r\n", "answered by 127.0.0.1:"}},
         {"/no/such/COST.ZML", {"HTTP/1.1 404 ", "answered by 127.0.0.1:"}},
-        {"/price.zml/more", {"HTTP/1.1 404 ", "answered by 127.0.0.1:"}},
-        {"/price.zml.txt?.zml", {"HTTP/1.1 200 ", "\r\n\r\n{{SCRIPT_NAME}}"}},
     };
     for (const auto& [address, parts] : pages) {
         const std::string page = get(address, {"-b", "a=1"});
@@ -177,8 +158,7 @@ TEST_P(Web, PagesComeThrough) {
             EXPECT_TRUE(contains(page, part)) << address;
     }
     configure("127.0.0.1,1");  // nobody is there
-    for (const std::string client : {"nph-shop", "shop"})
-        EXPECT_TRUE(contains(get("/cgi-bin/" + client), "for client " + client + " on 127.0.0.1,1"));
+    EXPECT_TRUE(contains(get("/cgi-bin/nph-shop"), "for client nph-shop on 127.0.0.1,1"));
 }
 
 TEST_P(Web, LongBodiesComeThroughUnchanged) {
@@ -189,10 +169,8 @@ TEST_P(Web, LongBodiesComeThroughUnchanged) {
 
     bytes.resize(5 * 1024 * 1024);
     writeFile(folder_ / "upload", bytes);
-    const std::string page = get("/cgi-bin/shop/echo", {"--data-binary", "@" + folder_ / "upload", "-H",
-                                                        "Content-Type: application/x-test", "-H", "Expect:"});
-    EXPECT_NE(page.find("\r\nContent-Type: application/x-test\r\n"), std::string::npos);
-    EXPECT_TRUE(bodyOf(page) == bytes);
+    const Texts upload = {"-H", "Expect:", "--data-binary", "@" + folder_ / "upload"};
+    EXPECT_TRUE(bodyOf(get("/cgi-bin/shop/echo", upload)) == bytes);
 }
 
 TEST_P(Web, PiecesArriveUntilTheBrowserGoesAwayAndTheGatewayEnds) {
@@ -204,15 +182,15 @@ TEST_P(Web, PiecesArriveUntilTheBrowserGoesAwayAndTheGatewayEnds) {
     EXPECT_TRUE(comesTrue([&] { return !runs(gateways_); }));
 }
 
-TEST_P(Web, UserStaysWithHisServerUntilItStops) {
+TEST_P(Web, UserStaysWithHisServer) {
     const std::string jar = folder_ / "cookies";
-    configure(secondServer_);
+    const DevServer other({"--sid", "s002"});
+    const std::string otherServer = "s002," + entry(other.port());
+    configure(otherServer);
     get("/cgi-bin/shop/login", {"-c", jar});
-    configure(bothServers_);
+    configure(server_ + ":" + otherServer);
     for (int round = 0; round < 8; ++round)
         EXPECT_TRUE(contains(get("/cgi-bin/shop", {"-b", jar}), "(s002)"));
-    second_.end();
-    EXPECT_TRUE(contains(get("/cgi-bin/shop", {"-b", jar}), "(s001)"));
 }
 
 TEST_P(Web, DocumentIsFoundByItsExtension) {
@@ -222,9 +200,8 @@ TEST_P(Web, DocumentIsFoundByItsExtension) {
         const std::string address = "/100%25%20new,%20+5%3F/price" + extension;
         writeFile(folder_ / "htdocs" + path,
                   "{{SCRIPT_NAME}} {{PATH_INFO}} {{PATH_TRANSLATED}} {{REQUEST_METHOD}} {{QUERY_STRING}}");
-        const std::string content = "/cgi-bin/shop " + path + " " + folder_.path() + "/htdocs" + path + " ";
-        EXPECT_EQ(bodyOf(get(address + "?a=%20&b")), content + "GET a=%20&amp;b");
-        EXPECT_EQ(bodyOf(get(address, {"--data", "a=b"})), content + "POST ");
+        EXPECT_EQ(bodyOf(get(address + "?a=%20&b", {"--data", "a=b"})),
+                  "/cgi-bin/shop " + path + " " + folder_.path() + "/htdocs" + path + " POST a=%20&amp;b");
     }
 }
 

@@ -32,14 +32,6 @@ struct Outcome {
     std::string err;
 };
 
-// The test's own environment, for children that should inherit it.
-inline std::vector<std::string> currentEnvironment() {
-    std::size_t count = 0;
-    while (environ[count] != nullptr)
-        ++count;
-    return {environ, environ + count};
-}
-
 // One child, running from construction on. It leads a process group of its own; what is left of the group is
 // killed in the end. Its standard descriptors are files in memory: it never has to wait for the test. A test
 // that is about pipes, closed descriptors or ignored signals runs the program through a shell.
