@@ -39,6 +39,7 @@ class Client : public ::testing::Test {
 };
 
 TEST_F(Client, TakesItsSettingsAndThoseOfAChangedFile) {
+    EXPECT_TRUE(setUp(kServer) && IsVelartoExtns("x.ZML") && VeClientCleanUp()) << "the default";
     ASSERT_TRUE(setUp(kServer + "DOCUMENTPATH=/docs\nREGISTER_EXTNS=zaf;htm,,a:b\nSENDFULLHEADER=Table\n"));
     EXPECT_TRUE(IsFullHeaderSupport() && IsVelartoExtns("/x.y.HTM") && IsVelartoExtns("B.A"));
     EXPECT_FALSE(IsVelartoExtns("x.zhtml") || IsVelartoExtns("x.ht") || IsVelartoExtns("htm"));

@@ -185,4 +185,6 @@ TEST(ConfigPath, ComesFromTheProfileWhenTheEnvironmentHasNone) {
                        "VELARTO_PATH\nVELARTO_PATH=\n# VELARTO_PATH=/v1/\nVELARTO_PATH=/v2");
     EXPECT_TRUE(ConfigFile::buildConfigPath("clients.ini", path));
     EXPECT_STREQ(path.GetTextEx(), "/v1/configuration/clients.ini");
+    setenv("VELARTO_PATH", std::string(5000, 'p').c_str(), 1);
+    EXPECT_FALSE(ConfigFile::buildConfigPath("clients.ini", path)) << "too long";
 }

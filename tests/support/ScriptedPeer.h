@@ -6,7 +6,6 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 
-#include <cstring>
 #include <functional>
 #include <stdexcept>
 #include <thread>
@@ -22,21 +21,17 @@ struct Visit {
     wire::Request request;  // as far as the script took it
 };
 
-// One accepted connection. Operations wait for the client, at most 20 seconds. They throw std::runtime_error
-// when less comes than the script asks for, which fails the test as anything else that is wrong does.
+// One accepted connection. Operations wait for the client. They throw std::runtime_error when less comes than
+// the script asks for, which fails the test as anything else that is wrong does.
 class Connection {
   public:
-    Connection(int descriptor, int wakeUp) : socket_(descriptor), wakeUp_(wakeUp) {
-        const timeval limit = {20, 0};
-        ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    }
+    Connection(int accepted, int wakeUp, Visit& visit) : socket_(accepted), wakeUp_(wakeUp), visit_(visit) {}
 
     std::string receive(std::size_t count) {  // exactly
         std::string bytes(count, '\0');
         const ssize_t got = ::recv(socket_.get(), bytes.data(), count, MSG_WAITALL);
-        bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+        if (got != static_cast<ssize_t>(count)) throw std::runtime_error("the client sends too little");
         visit_.received += bytes;
-        if (bytes.size() != count) throw std::runtime_error("the client sends too little");
         return bytes;
     }
     void expect(const std::string& bytes) { EXPECT_EQ(receive(bytes.size()), bytes); }
@@ -70,7 +65,7 @@ class Connection {
 
     void stall() {  // neither sends nor receives until the client goes away or the visits are asked for
         pollfd waits[] = {{socket_.get(), POLLRDHUP, 0}, {wakeUp_, POLLIN, 0}};
-        ::poll(waits, 2, 20000);
+        ::poll(waits, 2, -1);
     }
     void closeSending() { ::shutdown(socket_.get(), SHUT_WR); }  // the client reads an end and can still send
     void close() { socket_.reset(-1); }
@@ -80,19 +75,19 @@ class Connection {
         close();
     }
 
-    const Visit& visit() const { return visit_; }
     const wire::Request& request() const { return visit_.request; }
 
   private:
     std::uint32_t receiveNumber() {
-        std::uint32_t value;
-        std::memcpy(&value, receive(sizeof value).data(), sizeof value);
-        return ntohl(value);
+        std::uint32_t value = 0;
+        for (const char byte : receive(4))
+            value = value << 8 | static_cast<unsigned char>(byte);
+        return value;
     }
 
     Descriptor socket_;
     const int wakeUp_;
-    Visit visit_;
+    Visit& visit_;
 };
 
 using Script = std::function<void(Connection&)>;
@@ -109,17 +104,15 @@ inline Script answering(std::vector<std::string> messages) {
 class LoopbackPort : public Descriptor {
   public:
     LoopbackPort() : Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        auto* any = reinterpret_cast<sockaddr*>(&address);
-        socklen_t size = sizeof address;
+        auto* any = reinterpret_cast<sockaddr*>(&address_);
+        socklen_t size = sizeof address_;
         EXPECT_EQ(::bind(get(), any, size) | ::getsockname(get(), any, &size), 0);
-        port_ = ntohs(address.sin_port);
     }
 
-    std::uint16_t port() const { return port_; }
+    std::uint16_t port() const { return ntohs(address_.sin_port); }
 
   private:
-    std::uint16_t port_;
+    sockaddr_in address_ = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
 };
 
 using DeadPort = LoopbackPort;  // nobody listens for as long as it lives: connecting is refused at once
@@ -150,23 +143,21 @@ class ScriptedPeer {
         wakeUp_.reset(::eventfd(0, EFD_CLOEXEC));
         thread_ = std::thread([this] {
             pollfd waits[] = {{listener_.get(), POLLIN, 0}, {wakeUp_.get(), POLLIN, 0}};
-            while (::poll(waits, 2, -1) > 0 && waits[0].revents != 0)
-                serve(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            while (::poll(waits, 2, -1) > 0 && waits[0].revents != 0) {
+                const int accepted = ::accept(listener_.get(), nullptr, nullptr);
+                Connection connection(accepted, wakeUp_.get(), visits_.emplace_back());
+                try {
+                    script_(connection);
+                    connection.receiveRest();
+                } catch (const std::exception& reason) {
+                    ADD_FAILURE() << "the script breaks off: " << reason.what();
+                }
+            }
         });
     }
     void finish() {
         ::eventfd_write(wakeUp_.get(), 1);
         thread_.join();
-    }
-    void serve(int descriptor) {
-        Connection connection(descriptor, wakeUp_.get());
-        try {
-            script_(connection);
-            connection.receiveRest();
-        } catch (const std::exception& reason) {
-            ADD_FAILURE() << "the script breaks off: " << reason.what();
-        }
-        visits_.push_back(connection.visit());
     }
 
     const Script script_;
