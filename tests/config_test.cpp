@@ -1,5 +1,6 @@
 // velarto-config: what check finds, and where; what the others show and change; what servers and try tell of
 // application servers; files and requests that they refuse.
+#include <filesystem>
 #include <map>
 #include <regex>
 
@@ -49,7 +50,7 @@ class Config : public GatewayTest {
     }
 };
 
-TEST_F(Config, CheckFindsEachMistakeAndTellsItsPlaceAndRemedy) {
+TEST_F(Config, CheckTellsTheMistakeItsPlaceAndItsRemedy) {
     const std::string servers = "CLIENTIOTIMEOUT=30\nVELARTO_SERVER=", next = "CLIENTIOTIMEOUT=30\n\n";
     const struct {
         std::string line;     // in place of line 6
@@ -57,7 +58,6 @@ TEST_F(Config, CheckFindsEachMistakeAndTellsItsPlaceAndRemedy) {
         std::string remedy;
     } mistakes[] = {
         {"no equals sign", "6:15: error: no = after the key", "write KEY=VALUE"},
-        {"  ", "6:3: error: a line of blanks", "leave no blanks"},
         {"A=b\r\nno equals\r", "7:11: error: no =", "line feed alone"},
         {"[open", "6:1: error: an empty line is missing", "put an empty line"},
         {"CLIENTIOTIMEOUT =30", "6:16: warning: a blank at the end", "no blank before"},
@@ -66,15 +66,12 @@ TEST_F(Config, CheckFindsEachMistakeAndTellsItsPlaceAndRemedy) {
         {"CLIENTIOTIMEOUT=301", "6:17: warning: the gateway ends after 300 seconds", "300 or less"},
         {"PARSEFILEPATHS=enabled", "6:16: warning: 'enabled' reads as false", "yes or no"},
         {"DOCUMENTPATH= /srv", "6:14: warning: the value begins with a blank", "no blank after"},
-        {"DOCUMENTPATH=/srv ", "6:18: warning: the value ends with a blank", "at the line's end"},
         {"ERROR_HTML=/no/page", "6:12: warning: '/no/page' cannot be read: No such file", "name a file"},
         {"REGISTER_EXTNS=zml,.zcf", "6:20: warning: an extension with '.'", "zml,zcf"},
         {"CLIENTIOTIMEOUT=30\nClientIOTimeout=20", "7:1: warning: 'ClientIOTimeout' is there already",
          "on line 6"},
-        {"VELARTO_HOST=h", "6:1: warning: 'VELARTO_HOST' is not used beside", "remove it"},
         {servers + "h,1:g", "7:20: error: server 'g' can never be reached: 1 field", "HOST,PORT"},
         {servers + "s1,h,1", "7:16: warning: id 's1' has not 4 characters", "4 letters"},
-        {servers + "h,1:h,1", "7:20: warning: server 'h,1' is there already", "remove one"},
         {servers + "h,1\nFORCE_SERVER_ARG_NAME=srv", "8:1: warning: no server has an id", "ID,HOST,PORT"},
         {next + "[Shop]\nVELARTO_SERVER=h,1\n", "8:2: warning: section [Shop] is there already", "on line 5"},
         {next + "[news]\nVELARTO_SERVER=h,1\n", "8:2: warning: section [news] is not listed", "line news="},
@@ -95,28 +92,31 @@ TEST_F(Config, CheckFindsEachMistakeAndTellsItsPlaceAndRemedy) {
 TEST_F(Config, CheckGoesOnAfterAnErrorAndCountsWhatTheGatewayRefuses) {
     const std::string list = "[Velarto Client Definitions]\nshop=\n", shop = "\n[shop]\nVELARTO_SERVER=h,1\n";
     const std::string refused = "\nThe gateway refuses this file: every client gets error 601.\n";
-    const std::pair<std::string, Texts> files[] = {
+    const struct {
+        std::string content;
+        Texts findings;
+        std::string end;
+    } files[] = {
         {"junk\n[shop]\nA\n[open\n\n[last] x\n",
-         {":1:1: error", ":3:2: error: no =", ":4:2: error: no ]", ":6:8: error: after a section header",
-          ": 2 sections, 4 errors, 0 warnings" + refused}},
+         {":1:1: error", ":3:2: error: no =", ":4:2: error: no ]", ":6:8: error: after a section header"},
+         ": 2 sections, 4 errors, 0 warnings" + refused},
         {list + "gone=\n\n[shop]\n",
-         {"client 'gone' has no section", "client 'shop' has no servers",
-          ": 2 sections, 1 error, 1 warning\n"}},
-        {"\xEF\xBB\xBF" + list + shop, {": 1 section, 1 error, 0 warnings" + refused}},
+         {"client 'gone' has no section", "client 'shop' has no servers"},
+         ": 2 sections, 1 error, 1 warning\n"},
         // The caret counts characters.
         {list + "\n[shop]\nVELARTO_SERVER=\xC3\xA4\xC3\xB6,1:x\n",
-         {" | VELARTO_SERVER=\xC3\xA4\xC3\xB6,1:x\n      |                     ^\n",
-          ": 2 sections, 1 error, 0 warnings\n"}},
+         {" | VELARTO_SERVER=\xC3\xA4\xC3\xB6,1:x\n      |                     ^\n"},
+         ": 2 sections, 1 error, 0 warnings\n"},
+        {"\xEF\xBB\xBF" + list + shop, {}, ": 1 section, 1 error, 0 warnings" + refused},
     };
-    for (const auto& [content, parts] : files) {
+    for (const auto& [content, findings, end] : files) {
         writeFile(clientsFile(), content);
         const std::string out = config({"check"}).out;
-        for (const std::string& part : parts)
-            EXPECT_TRUE(contains(out, part));
-        EXPECT_EQ(contains(out, refused), contains(parts.back(), refused)) << out;
-        EXPECT_TRUE(contains(config({"check", "--json"}).out,
-                             contains(out, refused) ? "\"parses\": false" : "\"parses\": true"));
+        for (const std::string& finding : findings)
+            EXPECT_TRUE(contains(out, finding));
+        EXPECT_EQ(out.substr(out.find(clientsFile() + ": ")), clientsFile() + end) << out;
     }
+    EXPECT_TRUE(contains(config({"check", "--json"}).out, "\"parses\": false"));
 }
 
 TEST_F(Config, WhatIsThereIsShown) {
@@ -131,7 +131,6 @@ TEST_F(Config, WhatIsThereIsShown) {
         {{"show", "admin"}, {" 10.0.0.7,18155:10.0.0.7,18156  (from VELARTO_HOST and VELARTO_PORT)\n"}},
         {{"show", "shop", "--json"},
          {"\"key\": \"CLIENTIOTIMEOUT\",\n      \"value\": \"30\",\n      \"origin\": \"line 6\"\n"}},
-        {{"list", "--json"}, {"\"client\": \"admin\",\n    \"line\": 9,\n    \"servers\": 2,\n"}},
         {{"servers", "admin"}, {" 10.0.0.7 ", " 18155\n", " 18156\n"}},
         {{"--help"}, {"servers", "remove"}},
     };
@@ -170,19 +169,19 @@ TEST_F(Config, ChangesLeaveTheOtherSectionsAlone) {
 }
 
 TEST_F(Config, AFileThatTheGatewayCannotReadIsRefusedAndStaysAsItIs) {
-    const std::pair<std::string, std::string> files[] = {{"", ": the file is empty"},
-                                                         {std::string(131073, ';'), "large"},
-                                                         {"[shop]\nx\n", ":2:2: no = after"}};
-    for (const auto& [content, reason] : files) {
-        writeFile(clientsFile(), content);
-        if (reason[1] != '2') expectRefusal(config({"check"}), reason, content);  // it tells more
-        for (const char* command : {"show", "servers", "remove"})
-            expectRefusal(config({command, "shop"}), reason, content);
-        for (const Texts& arguments : {Texts{"list"}, {"try", "shop", "/"}, {"add", "new"}})
-            expectRefusal(config(arguments), reason, content);
-        expectRefusal(config({"set", "shop", "DOCUMENTPATH", "x"}), reason, content);
-        expectRefusal(config({"unset", "shop", "CLIENTIOTIMEOUT"}), reason, content);
-    }
+    const std::string bad = "[shop]\nx\n";
+    writeFile(clientsFile(), bad);
+    for (const Texts& arguments : {Texts{"list"},
+                                   {"show", "shop"},
+                                   {"servers", "shop"},
+                                   {"try", "shop", "/"},
+                                   {"add", "new"},
+                                   {"remove", "shop"},
+                                   {"set", "shop", "DOCUMENTPATH", "x"},
+                                   {"unset", "shop", "CLIENTIOTIMEOUT"}})
+        expectRefusal(config(arguments), ":2:2: no = after", bad);
+    writeFile(clientsFile(), "");
+    expectRefusal(config({"check"}), ": the file is empty", "");
 }
 
 TEST_F(Config, ARequestThatWouldDoHarmIsRefusedAndNothingChanges) {
@@ -199,13 +198,11 @@ TEST_F(Config, ARequestThatWouldDoHarmIsRefusedAndNothingChanges) {
         {kFile, {"add", "shop"}, "is there already"},
         {kFile, {"add", "a]b", "--force"}, "no client can be called 'a]b'"},
         {kFile, {"add", "new", "--server", "localhost"}, "can never be reached: 1 field"},
-        {kFile, {"remove", "nobody"}, "no client 'nobody'"},
         {kFile.substr(kFile.find("[shop]")), {"add", "new"}, "has no section [Velarto Client Definitions]"},
         {kFile + "[a]\nA=" + std::string(4096, 'x') + "\n", {"unset", "shop", "CLIENTIOTIMEOUT"}, "--force"},
         {"; mine\n" + kFile, {"set", "shop", "CLIENTIOTIMEOUT", "5"}, ":1: the file is written anew"},
         {kFile, {"try", "shop", "/", "--data", "none"}, "the body none: No such file or directory\n"},
         {kFile, {"try", "shop", "/", "--header", "a:b\nc"}, "has a control character: 'a:b\\x0Ac'"},
-        {kFile, {"try", "shop", "/", "--header", "Content-Length: 3"}, "the length is that of the body"},
         {kFile, {"try", "shop", "x"}, "the path begins with '/' or '?', not as 'x'\n"},
         {kFile, {"nonsense"}, "; --help tells"},
     };
@@ -228,13 +225,7 @@ TEST_F(Config, AFullDiskIsToldAndLeavesTheFile) {
         expectRefusal(config(arguments, "", fullOutput), "the output cannot be written", kFile);
 }
 
-TEST_F(Config, ServersTellsWhatAnEntryIsAndWhoAnswers) {
-    configure("s001,h,1:h, 65535 ::h h,1:h,0x50");
-    EXPECT_EQ(squeezed(config({"servers", "shop"}).out),
-              "s001 h 1\n- h 65535\n- cannot be used: the entry is empty\n"
-              "- h h 1 cannot be used: the host has a blank in it\n"
-              "- h 0x50 cannot be used: the port 0x50 is not between 1 and 65535\n");
-
+TEST_F(Config, ServersTellsWhoAnswers) {
     const DevServer server;
     const DeadPort dead;
     configure("s001," + entry(server.port()) + ":" + entry(dead.port()) + ":a..b,80");
@@ -293,16 +284,6 @@ TEST_F(Config, TryTellsTheSteps) {
                                   " TIME header 45 bytes, status 200\n TIME piece 5 bytes\n"
                                   " TIME end the answer is complete\n"
                                   " TIME total 674 bytes sent, 154 received\n"));
-
-    const std::string server = entry(peer.port());
-    configure("s001," + server + ":s002," + server, "FORCE_SERVER_ARG_NAME=SRV\n");
-    const std::string reference = "Cookie: Velarto_UserReference=s001" + std::string(24, '0');
-    const std::pair<Texts, std::string> choices[] = {
-        {{"try", "shop", "-v", "/"}, "chosen at random"},
-        {{"try", "shop", "-v", "/?SRV=s002"}, "forced by the query"},
-        {{"try", "shop", "-v", "/", "--header", reference}, "named by the user reference"}};
-    for (const auto& [arguments, how] : choices)
-        EXPECT_TRUE(contains(config(arguments).err, server + ", " + how + ": connected"));
 }
 
 TEST_F(Config, TryTellsTheStepThatFailsAndTheGatewaysError) {
@@ -317,7 +298,6 @@ TEST_F(Config, TryTellsTheStepThatFailsAndTheGatewaysError) {
         {[](Connection& c) { c.receive(100), c.reset(); }, "send: the request could not be sent: .* 604"},
         {[](Connection& c) { c.receiveRequest(), c.close(); }, "answer: .* closed the connection .* 605"},
         {answering({wire::header("HTTP/1.0 ok"), wire::end()}), "answer: .* no valid status line .* 605"},
-        {answering({"GET / HTTP/1.0"}), "answer: .* is no message .* 605"},
     };
     for (const auto& [script, err] : cases) {
         serveAlone(script);

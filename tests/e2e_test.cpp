@@ -278,7 +278,7 @@ TEST_F(Gateway, TheServerThatListensIsFoundInAnyForm) {
     const std::string list = "VELARTO_SERVER=127.0.0.1," + down + ":127.0.0.1," + up + "\n";
     const std::string older = "VELARTO_HOST=127.0.0.1\nVELARTO_PORT=" + down + ":" + up + "\n";
     const Texts sections[] = {
-        {"VELARTO_SERVER=127.0.0.1,x:,,:1.2.3.4.5,80:" + std::string(3000, ',') + good + "\n"},
+        {"VELARTO_SERVER=127.0.0.1,x:,,:a..b,80:" + std::string(3000, ',') + good + "\n"},
         {"VELARTO_SERVER=127.0.0.1:" + down + ",localhost:" + up + "\n"},
         {older, older + list + "\n"}};
     const std::string start = "[Velarto Client Definitions]\nshop=\n\n[shop]\n";

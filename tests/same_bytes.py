@@ -56,4 +56,5 @@ with socket.create_server(("127.0.0.1", 0)) as listener, tempfile.TemporaryDirec
     for name, run in RUNS.items():
         one, other = (play(gateway, listener, *run) for gateway in gateways)
         print(f"{name:10}", *(f"{len(part):6}" for part in one))
-        one == other or sys.exit(f"{name}: the gateways differ")
+        if one != other:
+            sys.exit(f"{name}: the gateways differ")

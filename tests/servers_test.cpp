@@ -1,7 +1,5 @@
 // The application servers beside the gateway, the development server and the one of examples/. The real gateway
 // asks for their pages; peers that misbehave speak to them byte by byte.
-#include <filesystem>
-
 #include "net/Socket.h"
 #include "support/Contains.h"
 #include "support/DevServer.h"
@@ -145,21 +143,12 @@ TEST_F(Servers, DevelopmentServerMisbehavesWhenAllowedTo) {
 
 TEST_F(Servers, DevelopmentServerBoundsConnectionsAndTheirSilence) {
     DevServer server({"--connections", "1", "--timeout", "1"});
-    Peer first(server, "QUIL");
+    const Peer first(server, "QUIL");
     Peer second(server, wire::encode({}));
-    EXPECT_FALSE(second.IsSocketReadable(100));
-    EXPECT_EQ(first.answer(), "");
-    EXPECT_TRUE(contains(second.answer(), "HTTP/1.0 200 OK\r\n"));
+    char mark = 0;
+    EXPECT_EQ(second.ReceiveNum(&mark, 1), 1);
+    // The answer had to wait for that: else the first would be cut off only now.
     EXPECT_TRUE(contains(server.end(), "did not come whole: the client was silent for too long"));
-}
-
-TEST_F(Servers, DevelopmentServerTellsWhereItCannotListen) {
-    const DevServer other;
-    const std::string taken = "127.0.0.1:" + std::to_string(other.port());
-    const Outcome outcome =
-        support::run(commandOf({VELARTO_DEVSERVER_PATH, "--listen", taken}), std::chrono::seconds(20));
-    EXPECT_TRUE(contains(outcome.err, "cannot listen on " + taken + ": Address already in use\n"));
-    EXPECT_GT(outcome.exitStatus, 0);
 }
 
 }  // namespace

@@ -14,7 +14,6 @@ import socket
 import subprocess
 import sys
 import tempfile
-import time
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 REQUESTS = 20000
@@ -68,8 +67,9 @@ def main():
         set_up(base, build, port)
         user = ["-cUser nobody", "-cGroup nogroup"]  # where root starts it
         apache = start("/usr/sbin/apache2", "-DFOREGROUND", "-f", base / "web.conf", *user)
-        while apache.poll() is None and not (base / "run/pid").exists():
-            time.sleep(0.1)
+        # It serves once it answers; the processes that start programs come after those that listen.
+        first = ["curl", "--silent", "--fail", "--retry", "60", "--retry-all-errors", "--retry-delay", "1"]
+        subprocess.run([*first, f"http://127.0.0.1:{port}/cgi-bin/shop"], stdout=subprocess.DEVNULL)
         open_before = len(os.listdir(f"/proc/{steady.pid}/fd"))
 
         curl = ["curl", "--silent", "--parallel", "--parallel-max", "50", "--config", "../requests"]

@@ -30,7 +30,12 @@ inline int resultOf(pid_t child) {
 class Runner {
   public:
     template <class Body>
-    explicit Runner(Body body) : thread_([this, body] { tid_ = gettid(), body(), done_ = true; }) {}
+    explicit Runner(Body body)
+        : thread_([this, body] {
+              tid_ = gettid();
+              body();
+              done_ = true;
+          }) {}
     ~Runner() { thread_.join(); }
 
     // Waits until the thread sleeps in the kernel (true) or its body has ended (false).

@@ -72,9 +72,6 @@ class Process {
     bool waitForOut(const std::string& text, std::chrono::milliseconds limit) {
         return waitUntil([&] { return out().find(text) != std::string::npos; }, limit);
     }
-    bool waitForErr(const std::string& text, std::chrono::milliseconds limit) {
-        return waitUntil([&] { return err().find(text) != std::string::npos; }, limit);
-    }
 
     // Waits for the end and collects everything. A child still running at the limit is killed.
     Outcome wait(std::chrono::milliseconds limit) {

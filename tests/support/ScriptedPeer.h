@@ -106,7 +106,8 @@ class LoopbackPort : public Descriptor {
     LoopbackPort() : Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         auto* any = reinterpret_cast<sockaddr*>(&address_);
         socklen_t size = sizeof address_;
-        EXPECT_EQ(::bind(get(), any, size) | ::getsockname(get(), any, &size), 0);
+        EXPECT_EQ(::bind(get(), any, size), 0);
+        EXPECT_EQ(::getsockname(get(), any, &size), 0);
     }
 
     std::uint16_t port() const { return ntohs(address_.sin_port); }
