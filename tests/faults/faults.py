@@ -34,7 +34,7 @@ FAULTS = {
     "close ftruncate ftruncate64": "EIO EINTR",
     "connect": "ECONNREFUSED ENETUNREACH ETIMEDOUT EINTR EAGAIN",
     "fallocate": "ENOSPC EOPNOTSUPP EINTR",
-    "fcntl fcntl64": "ENOLCK EINTR EMFILE",
+    "fcntl fcntl64": "EINTR ENOLCK EMFILE",
     "fstat fstat64 lstat lstat64 newfstatat stat stat64 statx": "EIO EACCES ENOMEM",
     "fsync": "EIO EINTR ENOSPC",
     "getpeername shutdown": "ENOTCONN",
