@@ -93,9 +93,9 @@ void requireValue(Stanza& section, const std::string& key) {
 void requireName(const std::string& client) {
     Stanza section(client.c_str());
     Stanza directory(kDirectoryStanza);
-    section.addValue(kServerKey, kDefaultServer);
+    section.addValue(key::VELARTO_SERVER.name, kDefaultServer);
     directory.addValue(client.c_str(), "");
-    if (!readsBack(section, kServerKey) || !readsBack(directory, client))
+    if (!readsBack(section, key::VELARTO_SERVER.name) || !readsBack(directory, client))
         throw Failure(
             "no client can be called '" + shown(client) +
             "': a name is not empty, begins with no blank, holds no = ; [ or ] and at most 254 characters");
@@ -214,7 +214,7 @@ void addEdit(CLI::App& app, Request& request) {
     command->add_option("KEY", change->key, "the key")->required();
 
     change = std::make_shared<Change>();
-    change->key = kServerKey;
+    change->key = key::VELARTO_SERVER.name;
     change->value = kDefaultServer;
     command = addEditor(app, request, "add", "Add a client", add, change);
     command->add_option("--server", change->value, "its servers")->type_name("LIST")->capture_default_str();

@@ -19,9 +19,9 @@ bool beginsWithOneOf(const std::string& text, const char* characters) {
     return !text.empty() && std::strchr(characters, text[0]) != nullptr;
 }
 
-bool isOneOf(const std::string& text, std::initializer_list<const char*> words) {
+bool isOneOf(const std::string& text, const std::vector<std::string>& words) {
     return std::any_of(words.begin(), words.end(),
-                       [&text](const char* word) { return sameName(text, word); });
+                       [&text](const std::string& word) { return sameName(text, word); });
 }
 
 bool endsInReturn(std::string_view text) {
@@ -176,7 +176,7 @@ class Inspection {
     void inspectAttribute(const OutlineAttribute& attribute) {
         const auto& [name, value] = attribute;
         if (name.isCut) warn(name.place, "the key ends at a NUL byte", "remove the NUL byte");
-        const Key* key = findKey(name.text);
+        const ClientKey* key = findKey(name.text);
         if (key == nullptr) return inspectUnknown(name);
         if (value.isCut)
             warn(value.place, "the value is cut after " + std::to_string(value.text.size()) + " characters",
@@ -186,13 +186,15 @@ class Inspection {
                  "leave no blank after the =");
         inspectEnd(value);
         switch (key->kind) {
-            case ValueKind::kTruth:
+            case KeyKind::kTruth:
                 return inspectTruth(value);
-            case ValueKind::kSeconds:
+            case KeyKind::kNumber:
                 return inspectSeconds(value);
-            case ValueKind::kExtensions:
+            case KeyKind::kWord:
+                return inspectWord(*key, value);
+            case KeyKind::kExtensions:
                 return inspectExtensions(value);
-            case ValueKind::kReadableFile:
+            case KeyKind::kReadableFile:
                 return inspectFile(value);
             default:
                 return;
@@ -221,7 +223,7 @@ class Inspection {
                  "leave no blank before the =");
             return;
         }
-        const Key* nearest = nearestKey(name.text);
+        const ClientKey* nearest = nearestKey(name.text);
         warn(name.place, "unknown key " + quoted(name.text),
              nearest != nullptr ? std::string("did you mean ") + nearest->name + "?"
                                 : "nothing reads it; remove it");
@@ -229,10 +231,11 @@ class Inspection {
 
     void inspectTruth(const PlacedText& value) {
         const std::string text = withoutEnd(value.text);
-        if (text.empty() || beginsWithOneOf(text, "YyTt1")) return;
+        if (text.empty() || beginsWithOneOf(text, kTrueBeginnings)) return;
         if (isOneOf(text, {"n", "no", "f", "false", "0", "off", "none", "never", "disabled", "disable"}))
             return;
-        warn(value.place, quoted(text) + " reads as false: only what begins with one of YyTt1 is true",
+        warn(value.place,
+             quoted(text) + " reads as false: only what begins with one of " + kTrueBeginnings + " is true",
              "write yes or no");
     }
 
@@ -251,6 +254,17 @@ class Inspection {
                  "the gateway ends after 300 seconds in any case, so " + text + " has no effect there",
                  "write 300 or less");
         }
+    }
+
+    void inspectWord(const ClientKey& key, const PlacedText& value) {
+        const std::string text = withoutEnd(value.text);
+        const std::vector<std::string> words = split(key.words, '|');
+        if (text.empty() || isOneOf(text, words)) return;
+        std::string choices;
+        for (const std::string& word : words)
+            choices += (choices.empty() ? "" : ", ") + word;
+        warn(value.place, quoted(text) + " is no value of " + key.name,
+             "write one of " + choices + ", or remove the key");
     }
 
     void inspectExtensions(const PlacedText& value) {
@@ -275,9 +289,9 @@ class Inspection {
 
     void inspectServers(const OutlineSection& section) {
         const std::string list = serverListOf(section);
-        const OutlineAttribute* servers = section.find(kServerKey);
-        const OutlineAttribute* host = section.find("VELARTO_HOST");
-        const OutlineAttribute* port = section.find("VELARTO_PORT");
+        const OutlineAttribute* servers = section.find(key::VELARTO_SERVER.name);
+        const OutlineAttribute* host = section.find(key::VELARTO_HOST.name);
+        const OutlineAttribute* port = section.find(key::VELARTO_PORT.name);
         if (list.empty()) {
             if (!section.isWhole) return;  // they may stand in what follows the error
             error(section.name.place, "client " + quoted(section.name.text) + " has no servers",
@@ -319,7 +333,7 @@ class Inspection {
                     "id " + quoted(entry.sid) + " has not 4 characters: by it no user is kept at this server",
                     "use 4 letters or digits");
         }
-        const OutlineAttribute* forced = section.find("FORCE_SERVER_ARG_NAME");
+        const OutlineAttribute* forced = section.find(key::FORCE_SERVER_ARG_NAME.name);
         if (forced != nullptr && !forced->value.text.empty() && !hasIds)
             warn(forced->key.place, "no server has an id that the argument could name",
                  "write the servers as ID,HOST,PORT");

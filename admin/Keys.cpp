@@ -32,39 +32,19 @@ std::size_t distance(const std::string& a, const std::string& b) {
 
 }  // namespace
 
-const std::vector<Key>& knownKeys() {
-    static const std::vector<Key> keys = {
-        {"VELARTO_SERVER", ValueKind::kServers, "", "the application servers"},
-        {"VELARTO_HOST", ValueKind::kText, "", "older form: the one host of the servers"},
-        {"VELARTO_PORT", ValueKind::kPorts, "", "older form: their ports"},
-        {"CLIENTIOTIMEOUT", ValueKind::kSeconds, "300", "seconds to wait for the server to read or write"},
-        {"FORCE_SERVER_ARG_NAME", ValueKind::kText, "", "query argument that selects a server by its id"},
-        {"PARSEFILEPATHS", ValueKind::kTruth, "no",
-         "read \\ as / in the paths of files that the server asks for"},
-        {"DOCUMENTPATH", ValueKind::kText, "", "for host programs: a folder of documents"},
-        {"REGISTER_EXTNS", ValueKind::kExtensions, "zaf,zhtml,zml,zcf",
-         "for host programs: extensions of the documents to serve"},
-        {"SENDFULLHEADER", ValueKind::kTruth, "no", "for host programs: ask for the whole header"},
-        {"ERROR_HTML", ValueKind::kReadableFile, "", "for host programs: file of the error page"},
-        {"REPORTCLIENTERROR", ValueKind::kTruth, "no",
-         "for host programs: the built-in error page all the same"},
-    };
-    return keys;
+const ClientKey* findKey(const std::string& name) {
+    for (const ClientKey* key : kClientKeys) {
+        if (sameName(key->name, name)) return key;
+    }
+    return nullptr;
 }
 
-const Key* findKey(const std::string& name) {
-    const auto& keys = knownKeys();
-    const auto found =
-        std::find_if(keys.begin(), keys.end(), [&name](const Key& key) { return sameName(key.name, name); });
-    return found != keys.end() ? &*found : nullptr;
-}
-
-const Key* nearestKey(const std::string& name) {
+const ClientKey* nearestKey(const std::string& name) {
     constexpr std::size_t kLongestLine = 64;  // of a key that could be meant
     if (name.size() > kLongestLine) return nullptr;
-    const auto& keys = knownKeys();
-    const auto nearest = std::min_element(keys.begin(), keys.end(), [&name](const Key& a, const Key& b) {
-        return distance(name, a.name) < distance(name, b.name);
-    });
-    return distance(name, nearest->name) <= std::max<std::size_t>(2, name.size() / 4) ? &*nearest : nullptr;
+    const auto isNearer = [&name](const ClientKey* a, const ClientKey* b) {
+        return distance(name, a->name) < distance(name, b->name);
+    };
+    const ClientKey* nearest = *std::min_element(std::begin(kClientKeys), std::end(kClientKeys), isNearer);
+    return distance(name, nearest->name) <= std::max<std::size_t>(2, name.size() / 4) ? nearest : nullptr;
 }

@@ -16,15 +16,6 @@ bool isBlank(const std::string& text) {
     return text.find_first_not_of(kBlanks) == std::string::npos;
 }
 
-std::vector<std::string> split(const std::string& text, char separator) {
-    std::vector<std::string> pieces;
-    std::size_t from = 0;
-    for (std::size_t end; (end = text.find(separator, from)) != std::string::npos; from = end + 1)
-        pieces.push_back(text.substr(from, end - from));
-    pieces.push_back(text.substr(from));
-    return pieces;
-}
-
 // Why an entry yields no host and port.
 std::string faultOfFields(const std::string& entry) {
     if (entry.empty()) return "the entry is empty";

@@ -42,41 +42,41 @@ struct Setting {
 };
 
 // What the gateway makes of a value.
-std::string meaningOf(const OutlineSection& section, const Key& key, const std::string& value) {
+std::string meaningOf(const OutlineSection& section, const ClientKey& key, const std::string& value) {
     Stanza stanza("");
     stanza.addValue(key.name, value.c_str());
     switch (key.kind) {
-        case ValueKind::kServers:
+        case KeyKind::kServers:
             return serverListOf(section);
-        case ValueKind::kTruth:
-            return IsTrueValue(stanza, key.name) ? "yes" : "no";
-        case ValueKind::kSeconds: {
+        case KeyKind::kTruth:
+            return IsTrueValue(stanza, key) ? "yes" : "no";
+        case KeyKind::kNumber: {
             const std::uint32_t seconds = ReadWriteTimeoutOf(stanza) / 1000;
-            return seconds != 0 ? std::to_string(seconds) : key.withoutIt;
+            return seconds != 0 ? std::to_string(seconds) : key.byDefault;
         }
         default:
             return value;
     }
 }
 
-Setting settingOf(const OutlineSection& section, const Key& key) {
+Setting settingOf(const OutlineSection& section, const ClientKey& key) {
     const OutlineAttribute* own = section.find(key.name);
     if (own != nullptr && !own->value.text.empty()) {
         const std::string& text = own->value.text;
         const std::string meaning = meaningOf(section, key, text);
         return {key.name, meaning, lineOf(own->key) + (meaning != text ? ", '" + text + "'" : "")};
     }
-    if (key.kind == ValueKind::kServers) {
+    if (key.kind == KeyKind::kServers) {
         const std::string servers = serverListOf(section);
         return {key.name, servers, servers.empty() ? "missing" : "from VELARTO_HOST and VELARTO_PORT"};
     }
-    return {key.name, key.withoutIt, own == nullptr ? "default" : "empty on " + lineOf(own->key)};
+    return {key.name, key.byDefault, own == nullptr ? "default" : "empty on " + lineOf(own->key)};
 }
 
 std::vector<Setting> settingsOf(const OutlineSection& section) {
     std::vector<Setting> settings;
-    for (const Key& key : knownKeys())
-        settings.push_back(settingOf(section, key));
+    for (const ClientKey* key : kClientKeys)
+        settings.push_back(settingOf(section, *key));
     for (const OutlineAttribute& attribute : section.attributes) {
         if (findKey(attribute.key.text) == nullptr)
             settings.push_back(

@@ -137,7 +137,7 @@ void prepareServers(Stanza& section, const std::string& client, Steps& steps) {
     CText list;
     if (ServerListOf(section, list).IsEmpty())
         throw Failure("the client '" + shown(client) + "' has no server list (the gateway's error 601)");
-    section.changeValue(kServerKey, list.GetTextEx());
+    section.changeValue(key::VELARTO_SERVER.name, list.GetTextEx());
     for (const ServerEntry& entry : entriesOf(list.GetTextEx())) {
         if (!entry.fault.empty())
             steps.note("server", "'" + entry.text + "' cannot be used: " + entry.fault,
@@ -153,7 +153,7 @@ Outcome converse(const TryOptions& options, TryClient& client, TQuilRequest& rec
     if (!client.SendQuilRequest(&record))
         return {CLIENT_ERR_SEND, "send", "the request could not be sent: " + client.fault()};
     steps.note("sent", std::to_string(client.sent()) + " bytes", Json{{"size", client.sent()}});
-    if (client.DispatchQuilRequests(Answer::take, &answer, IsTrueValue(section, "PARSEFILEPATHS"))) return {};
+    if (client.DispatchQuilRequests(Answer::take, &answer, IsTrueValue(section, key::PARSEFILEPATHS))) return {};
     if (!std::cout) throw Failure("the output cannot be written");
     std::string reason = answer.fault().empty() ? client.fault() : answer.fault();
     if (reason.empty()) reason = "the server sent something that is no message";

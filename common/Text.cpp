@@ -50,6 +50,15 @@ bool hasControlCharacter(std::string_view text) {
     return std::any_of(text.begin(), text.end(), isControl);
 }
 
+std::vector<std::string> split(std::string_view text, char separator) {
+    std::vector<std::string> pieces;
+    std::size_t from = 0;
+    for (std::size_t end; (end = text.find(separator, from)) != std::string_view::npos; from = end + 1)
+        pieces.emplace_back(text.substr(from, end - from));
+    pieces.emplace_back(text.substr(from));
+    return pieces;
+}
+
 std::optional<std::uint64_t> parseNumber(std::string_view text) {
     int base = 10;
     if (startsWithIgnoringCase(text, "0x")) {

@@ -7,6 +7,7 @@
 #include <regex>
 #include <sstream>
 
+#include "config/ClientKeys.h"
 #include "config/ConfigFile.h"
 #include "support/Gateway.h"
 
@@ -63,6 +64,51 @@ TEST_F(Documents, ShowAConfigurationThatHolds) {
     writeFile(clientsFile(), matches(text, "```ini\n([^`]+)```\n").at(0)[1]);
     ConfigFile file(clientsFile().c_str(), "Velarto Client Definitions");
     EXPECT_TRUE(file.parseConfigFile()) << file.lastParseError().reason;
+}
+
+// As the table of keys in the document has it.
+std::string rowOf(const ClientKey& key) {
+    std::string holds;
+    switch (key.kind) {
+        case KeyKind::kText:
+            holds = "text";
+            break;
+        case KeyKind::kServers:
+            holds = "servers";
+            break;
+        case KeyKind::kPorts:
+            holds = "ports";
+            break;
+        case KeyKind::kNumber:
+            holds = std::to_string(key.least) + " to " + std::to_string(key.most) + " " + key.unit;
+            break;
+        case KeyKind::kTruth:
+            holds = "yes or no";
+            break;
+        case KeyKind::kExtensions:
+            holds = "extensions";
+            break;
+        case KeyKind::kReadableFile:
+            holds = "file";
+            break;
+        case KeyKind::kWord:
+            holds = std::regex_replace(key.words, std::regex("\\|"), ", ");
+            break;
+    }
+    const std::string byDefault = *key.byDefault != '\0' ? key.byDefault : "none";
+    return "| `" + std::string(key.name) + "` | " + holds + " | " + byDefault + " | " + key.meaning + " |";
+}
+
+TEST_F(Documents, DescribeEveryKey) {
+    const std::string text = readFile(kProject + "docs/configuration.md");
+    std::vector<std::string> rows, expected;
+    for (const std::smatch& row : matches(text, "^\\| `[A-Z_]+` \\|.*"))
+        rows.push_back(row[0]);
+    for (const ClientKey* key : kClientKeys) {
+        expected.push_back(rowOf(*key));
+        EXPECT_EQ(matches(text, ("^### " + std::string(key->name) + "$").c_str()).size(), 1U) << key->name;
+    }
+    EXPECT_EQ(rows, expected);
 }
 
 TEST_F(Documents, LinkToWhatIsThere) {

@@ -30,7 +30,7 @@ CText RegisteredExtensions VELARTO_GUARDED_BY(RWLock);
 
 TPeriodicThread ClientThread;
 
-const char* const VelartoDefaultExtensions[] = {"zaf", "zhtml", "zml", "zcf"};
+constexpr const char* VelartoDefaultExtensions = key::REGISTER_EXTNS.byDefault;
 
 // Whether the extension is one of the pieces of a list separated by ",", ";" or ":".
 bool isInExtensionList(const char* extension, const char* list) {
@@ -46,7 +46,7 @@ bool isInExtensionList(const char* extension, const char* list) {
     return false;
 }
 
-bool clientSetting(const char* key) {
+bool clientSetting(const ClientKey& key) {
     ReadLock lock(RWLock);
     return lock && configStanza != nullptr && IsTrueValue(*configStanza, key);
 }
@@ -137,9 +137,10 @@ bool ReadClientConfig(bool report) {
     }
 
     CText value;
-    if (configStanza->findValue("CLIENTIOTIMEOUT")) ClientRrWrTimeout = ReadWriteTimeoutOf(*configStanza);
-    if (configStanza->getValue("DOCUMENTPATH", value)) DocumentPath = value;
-    if (configStanza->getValue("REGISTER_EXTNS", value)) RegisteredExtensions = value;
+    if (configStanza->findValue(key::CLIENTIOTIMEOUT.name))
+        ClientRrWrTimeout = ReadWriteTimeoutOf(*configStanza);
+    if (configStanza->getValue(key::DOCUMENTPATH.name, value)) DocumentPath = value;
+    if (configStanza->getValue(key::REGISTER_EXTNS.name, value)) RegisteredExtensions = value;
     return true;
 }
 
@@ -152,20 +153,16 @@ bool IsVelartoExtns(const char* path) {
     if (dot == nullptr) return false;
     const char* extension = dot + 1;
     const ReadLock lock(RWLock);
-    if (!RegisteredExtensions.IsEmpty())
-        return isInExtensionList(extension, RegisteredExtensions.GetTextEx());
-    for (const char* known : VelartoDefaultExtensions) {
-        if (strcasecmp(extension, known) == 0) return true;
-    }
-    return false;
+    return isInExtensionList(extension, RegisteredExtensions.IsEmpty() ? VelartoDefaultExtensions
+                                                                       : RegisteredExtensions.GetTextEx());
 }
 
 bool IsFullHeaderSupport() {
-    return clientSetting("SENDFULLHEADER");
+    return clientSetting(key::SENDFULLHEADER);
 }
 
 bool ParseFilePaths() {
-    return clientSetting("PARSEFILEPATHS");
+    return clientSetting(key::PARSEFILEPATHS);
 }
 
 const char* GetDocumentPath() {

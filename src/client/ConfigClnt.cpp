@@ -11,7 +11,7 @@ namespace {
 Stanza* addClientStanza(ConfigFile& file, const CText& clientName) {
     auto* stanza = new (std::nothrow) Stanza(clientName.GetTextEx());
     if (stanza == nullptr) return nullptr;
-    stanza->addValue(kServerKey, kDefaultServer);
+    stanza->addValue(key::VELARTO_SERVER.name, kDefaultServer);
     file.addStanza(stanza, true);
     return stanza;
 }
@@ -21,8 +21,8 @@ CText& serverListFromHostAndPorts(Stanza& stanza, CText& list) {
     list.Clear();
     CText host;
     Attribute ports;
-    stanza.getValue("VELARTO_HOST", host);
-    stanza.getAttribute("VELARTO_PORT", ports);
+    stanza.getValue(key::VELARTO_HOST.name, host);
+    stanza.getAttribute(key::VELARTO_PORT.name, ports);
     if (host.IsEmpty()) return list;
     for (std::uint32_t i = 0; i < ports.getValueListElementCount(); ++i) {
         CText port;
@@ -79,9 +79,9 @@ ClientConfigResult completeSection(ConfigFile& file, const CText& clientName, St
         if (stanza == nullptr) return CLIENT_CONFIG_NOT_WRITTEN;
         changed = true;
     }
-    stanza->getValue(kServerKey, servers);
+    stanza->getValue(key::VELARTO_SERVER.name, servers);
     if (servers.IsEmpty() && !serverListFromHostAndPorts(*stanza, servers).IsEmpty()) {
-        stanza->changeValue(kServerKey, servers.GetTextEx());
+        stanza->changeValue(key::VELARTO_SERVER.name, servers.GetTextEx());
         changed = true;
     }
     if (servers.IsEmpty()) return CLIENT_CONFIG_NO_SERVER_LIST;
@@ -105,31 +105,24 @@ ClientConfigResult ProcessClientConfig(ConfigFile* file, const CText& clientName
     if (file == nullptr || !readSection(*file, clientName)) return CLIENT_CONFIG_NO_FILE;
     CText servers;
     stanza = file->getStanza(clientName);
-    if (stanza != nullptr) stanza->getValue(kServerKey, servers);
+    if (stanza != nullptr) stanza->getValue(key::VELARTO_SERVER.name, servers);
     if (servers.IsEmpty()) {
         const ClientConfigResult result = completeSection(*file, clientName, stanza, servers);
         if (result != CLIENT_CONFIG_OK) return result;
     }
-    if (acceptColonInsideEntries(servers)) stanza->changeValue(kServerKey, servers.GetTextEx());
+    if (acceptColonInsideEntries(servers)) stanza->changeValue(key::VELARTO_SERVER.name, servers.GetTextEx());
     return CLIENT_CONFIG_OK;
 }
 
 CText& ServerListOf(Stanza& stanza, CText& list) {
-    stanza.getValue(kServerKey, list);
+    stanza.getValue(key::VELARTO_SERVER.name, list);
     if (list.IsEmpty()) serverListFromHostAndPorts(stanza, list);
     acceptColonInsideEntries(list);
     return list;
 }
 
 std::uint32_t ReadWriteTimeoutOf(Stanza& stanza) {
-    constexpr std::uint32_t kLongest = 0xFFFFFFFFu / 1000;
     CText seconds;
-    stanza.getValue("CLIENTIOTIMEOUT", seconds);
-    return std::min(seconds.GetTextAsULong(), kLongest) * 1000;
-}
-
-bool IsTrueValue(Stanza& stanza, const char* key) {
-    CText value;
-    return stanza.getValue(key, value) && !value.IsEmpty() &&
-           std::strchr("YyTt1", *value.GetTextEx()) != nullptr;
+    stanza.getValue(key::CLIENTIOTIMEOUT.name, seconds);
+    return std::min(seconds.GetTextAsULong(), key::CLIENTIOTIMEOUT.most) * 1000;
 }

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "Server/Common_Classes/UText.h"
+#include "config/ClientKeys.h"
 #include "config/ConfigFile.h"
 
 enum ClientConfigResult {
@@ -15,7 +16,6 @@ enum ClientConfigResult {
 
 constexpr char kDefaultIniFile[] = "clients.ini";
 constexpr char kDirectoryStanza[] = "Velarto Client Definitions";  // lists the clients' sections
-constexpr char kServerKey[] = "VELARTO_SERVER";
 constexpr char kDefaultServer[] = "127.0.0.1,18155";  // of a section that is added
 
 // Parses the file and finds the client's section, which the file keeps owning. A missing section is added
@@ -30,6 +30,3 @@ CText& ServerListOf(Stanza& stanza, CText& list);
 // The section's CLIENTIOTIMEOUT in milliseconds, 0 without one; what would not fit waits as long as can be
 // counted.
 std::uint32_t ReadWriteTimeoutOf(Stanza& stanza);
-
-// A truth value: true when the section has the key and its value begins with one of "YyTt1".
-bool IsTrueValue(Stanza& stanza, const char* key);

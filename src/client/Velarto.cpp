@@ -45,8 +45,8 @@ bool ProcessQuilRequestCB(QuilClient& client, TQUILReqType type, const char* dat
 CText configuredErrorFile() {
     CText path;
     ReadLock lock(RWLock);
-    if (lock && configStanza != nullptr && !IsTrueValue(*configStanza, "REPORTCLIENTERROR")) {
-        configStanza->getValue("ERROR_HTML", path);
+    if (lock && configStanza != nullptr && !IsTrueValue(*configStanza, key::REPORTCLIENTERROR)) {
+        configStanza->getValue(key::ERROR_HTML.name, path);
     }
     return path;
 }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <new>
 
+#include "config/ClientKeys.h"
 #include "protocol/QuilClient.h"
 
 namespace {
@@ -83,7 +84,7 @@ bool QuilClient::ConnectToQuilServer(TQuilRequest* request, Stanza* clientSectio
 
 bool QuilClient::connectToChosenServer(const TQuilRequest* request, Stanza& clientSection) {
     Attribute servers;
-    clientSection.getAttribute("VELARTO_SERVER", servers);
+    clientSection.getAttribute(key::VELARTO_SERVER.name, servers);
     servers.getValue(serverEntry_);
     const std::uint32_t n = servers.getValueListElementCount();
     if (request == nullptr || n == 1) {
@@ -93,7 +94,7 @@ bool QuilClient::connectToChosenServer(const TQuilRequest* request, Stanza& clie
 
     addRouteCookie_ = true;
     CText argumentName;
-    if (clientSection.getValue("FORCE_SERVER_ARG_NAME", argumentName)) {
+    if (clientSection.getValue(key::FORCE_SERVER_ARG_NAME.name, argumentName)) {
         setSIDFromQueryString(request->GetParamAttribute(QUIL_PARAM_QUERY_STRING)->value(), argumentName);
         if (sid_[0] != 0) return connectToForcedServer(servers, n);
     }

@@ -1,0 +1,80 @@
+// The keys of a client's section in clients.ini: their names, what they hold, and what holds without them. Whoever
+// reads, checks, shows or documents a key takes it from here.
+#pragma once
+
+#include <cstdint>
+
+#include "config/Stanza.h"
+
+enum class KeyKind {
+    kText,
+    kServers,       // VELARTO_SERVER's list
+    kPorts,         // ports joined with ":"
+    kNumber,        // a decimal number from least to most, of the unit
+    kTruth,         // yes or no
+    kExtensions,    // of file names, joined with "," ";" or ":"
+    kReadableFile,  // a path
+    kWord,          // one of the words
+};
+
+struct ClientKey {
+    const char* name;
+    KeyKind kind;
+    const char* byDefault;  // what holds when the section lacks the key; empty when nothing does
+    const char* meaning;    // in a few words, for people
+    const char* unit = "";  // of a number
+    std::uint32_t least = 0;
+    std::uint32_t most = 0;
+    const char* words = "";  // joined with "|"; letter case does not count
+};
+
+namespace key {
+
+inline constexpr ClientKey VELARTO_SERVER{"VELARTO_SERVER", KeyKind::kServers, "", "the application servers"};
+inline constexpr ClientKey VELARTO_HOST{"VELARTO_HOST", KeyKind::kText, "",
+                                        "older form: the one host of the servers"};
+inline constexpr ClientKey VELARTO_PORT{"VELARTO_PORT", KeyKind::kPorts, "", "older form: their ports"};
+inline constexpr ClientKey CLIENTIOTIMEOUT{"CLIENTIOTIMEOUT",
+                                           KeyKind::kNumber,
+                                           "300",
+                                           "how long to wait for the server to read or write",
+                                           "seconds",
+                                           1,
+                                           4294967};
+inline constexpr ClientKey FORCE_SERVER_ARG_NAME{"FORCE_SERVER_ARG_NAME", KeyKind::kText, "",
+                                                 "query argument that selects a server by its id"};
+inline constexpr ClientKey PARSEFILEPATHS{"PARSEFILEPATHS", KeyKind::kTruth, "no",
+                                          "read \\ as / in the paths of files that the server asks for"};
+inline constexpr ClientKey BROKENANSWER{
+    "BROKENANSWER", KeyKind::kWord, "", "what becomes of an answer that breaks off", "", 0, 0, "cut"};
+inline constexpr ClientKey DOCUMENTPATH{"DOCUMENTPATH", KeyKind::kText, "",
+                                        "for host programs: a folder of documents"};
+inline constexpr ClientKey REGISTER_EXTNS{"REGISTER_EXTNS", KeyKind::kExtensions, "zaf,zhtml,zml,zcf",
+                                          "for host programs: extensions of the documents to serve"};
+inline constexpr ClientKey SENDFULLHEADER{"SENDFULLHEADER", KeyKind::kTruth, "no",
+                                          "for host programs: ask for the whole header"};
+inline constexpr ClientKey ERROR_HTML{"ERROR_HTML", KeyKind::kReadableFile, "",
+                                      "for host programs: file of the error page"};
+inline constexpr ClientKey REPORTCLIENTERROR{"REPORTCLIENTERROR", KeyKind::kTruth, "no",
+                                             "for host programs: the built-in error page all the same"};
+
+}  // namespace key
+
+// All of them, in the order in which people are shown them.
+inline constexpr const ClientKey* kClientKeys[] = {
+    &key::VELARTO_SERVER,        &key::VELARTO_HOST,   &key::VELARTO_PORT, &key::CLIENTIOTIMEOUT,
+    &key::FORCE_SERVER_ARG_NAME, &key::PARSEFILEPATHS, &key::BROKENANSWER, &key::DOCUMENTPATH,
+    &key::REGISTER_EXTNS,        &key::SENDFULLHEADER, &key::ERROR_HTML,   &key::REPORTCLIENTERROR,
+};
+
+// A truth value is true when it begins with one of these.
+inline constexpr char kTrueBeginnings[] = "YyTt1";
+
+// Whether the section has the key with a true value.
+bool IsTrueValue(Stanza& section, const ClientKey& key);
+
+// The number that the section gives the key: 0 when it gives none, or one that is not from least to most.
+std::uint32_t NumberValue(Stanza& section, const ClientKey& key);
+
+// Whether the section gives the key this word.
+bool IsWordValue(Stanza& section, const ClientKey& key, const char* word);
