@@ -113,7 +113,8 @@ TEST_F(Documents, DescribeEveryKey) {
 
 TEST_F(Documents, LinkToWhatIsThere) {
     std::vector<fs::path> documents(fs::directory_iterator(kProject + "docs"), {});
-    documents.push_back(kProject + "README.md");
+    for (const char* name : {"README.md", "CONTRIBUTING.md", "CHANGELOG.md", "SECURITY.md"})
+        documents.push_back(kProject + name);
     for (const fs::path& path : documents) {
         const std::string text = readFile(path);
         for (const std::smatch& link : matches(text, R"(\]\((?!https?:)([^)#]+)(#[^)]*)?\))"))
