@@ -37,6 +37,10 @@ CText joinedKeys(const AttributeList& list) {
     return names;
 }
 
+bool writeText(std::FILE* f, const CText& text) {
+    return std::fwrite(text.GetTextEx(), 1, text.Length(), f) == text.Length();
+}
+
 }  // namespace
 
 const char Stanza::bsEscValues[3] = {'\r', '\n', '\\'};
@@ -214,23 +218,24 @@ char Stanza::GetBSEscValue(char key) {
     return translate(key, bsEscKeys, bsEscValues);
 }
 
+void Stanza::appendBSEscString(CText& out, const char* text) {
+    for (; *text != '\0'; ++text) {
+        const char key = GetBSEscKey(*text);
+        if (key != '\0') out += '\\';
+        out += key != '\0' ? key : *text;
+    }
+}
+
 int Stanza::writeBSEscString(std::FILE* f, const char* text) {
     MutexLock lock(lock_);
     if (f == nullptr || text == nullptr) return 0;
-    int written = 0;
-    for (; *text != '\0'; ++text) {
-        const char key = GetBSEscKey(*text);
-        if (key != '\0') {
-            if (std::putc('\\', f) == EOF) return -1;
-            ++written;
-        }
-        if (std::putc(key != '\0' ? key : *text, f) == EOF) return -1;
-        ++written;
-    }
-    return written;
+    const MemoryWatch memory;
+    CText escaped;
+    appendBSEscString(escaped, text);
+    return !memory.ranOut() && writeText(f, escaped) ? static_cast<int>(escaped.Length()) : -1;
 }
 
-bool Stanza::saveStanza(std::FILE* f) {
+bool Stanza::appendStanza(CText& out) {
     MutexLock lock(lock_);
     const std::size_t count = attributes_.length();
     const std::unique_ptr<const Attribute*[]> sorted(new (std::nothrow) const Attribute*[count]);
@@ -241,12 +246,21 @@ bool Stanza::saveStanza(std::FILE* f) {
     std::stable_sort(sorted.get(), end,
                      [](const Attribute* left, const Attribute* right) { return *left < *right; });
 
-    const auto put = [f](char c) { return std::putc(c, f) != EOF; };
-    const auto putEscaped = [this, f](const CText& text) { return writeBSEscString(f, text.GetText()) >= 0; };
-    if (!put('[') || !putEscaped(name_) || !put(']') || !put('\n')) return false;
+    const MemoryWatch memory;
+    out += '[';
+    appendBSEscString(out, name_.GetTextEx());
+    out += "]\n";
     for (const Attribute** i = sorted.get(); i != end; ++i) {
-        if (!putEscaped((*i)->key()) || !put('=') || !putEscaped((*i)->value()) || !put('\n')) return false;
+        appendBSEscString(out, (*i)->key().GetTextEx());
+        out += '=';
+        appendBSEscString(out, (*i)->value().GetTextEx());
+        out += '\n';
     }
-    put('\n');
-    return true;
+    out += '\n';
+    return !memory.ranOut();
+}
+
+bool Stanza::saveStanza(std::FILE* f) {
+    CText text;
+    return appendStanza(text) && writeText(f, text);
 }

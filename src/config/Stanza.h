@@ -71,11 +71,14 @@ class Stanza {
     // character and back; 0 for any other.
     static char GetBSEscKey(char c);
     static char GetBSEscValue(char key);
-    // Writes text escaped; returns the characters written, 0 for a null or empty argument, -1 as soon as the
-    // stream refuses one.
+    static void appendBSEscString(CText& out, const char* text);  // escaped
+    // Writes text escaped; returns the characters written, 0 for a null or empty argument, -1 when the stream
+    // does not take all of them.
     int writeBSEscString(std::FILE* f, const char* text);
-    // Writes the section in the file syntax, attributes sorted by key, an empty line after it. Stops at the
-    // first write that fails: false. Likewise without memory for the sorting.
+    // Appends the section in the file syntax: attributes sorted by key, an empty line after it. False without
+    // memory for it.
+    bool appendStanza(CText& out);
+    // Writes the same to a stream; false when the stream does not take all of it.
     bool saveStanza(std::FILE* f);
 
   private:

@@ -2,7 +2,7 @@
 
 #include <sys/mman.h>
 
-#include <cerrno>
+#include "platform/ErrnoKeeper.h"
 
 void AdviseHugePages(void* block, std::uint32_t size) {
     constexpr std::uintptr_t kHugePage = 2 * 1024 * 1024;
@@ -11,7 +11,6 @@ void AdviseHugePages(void* block, std::uint32_t size) {
     const std::uintptr_t first = (begin + kHugePage - 1) & ~(kHugePage - 1);
     const std::uintptr_t end = (begin + size) & ~(kHugePage - 1);
     if (first >= end) return;
-    const int keptErrno = errno;
+    const ErrnoKeeper keeper;
     madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);
-    errno = keptErrno;
 }

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+#include "platform/ErrnoKeeper.h"
+
 static_assert(sizeof(off_t) == 8, "a 32-bit build needs _FILE_OFFSET_BITS=64");
 
 namespace {
@@ -78,8 +80,7 @@ bool WriteOSFile(int fd, iovec* parts, int count) {
 }
 
 void Descriptor::reset(int fd) {
-    const int keptErrno = errno;
+    const ErrnoKeeper keeper;
     if (fd_ != -1) close(fd_);
-    errno = keptErrno;
     fd_ = fd;
 }
