@@ -5,8 +5,10 @@
 #include <pwd.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <future>
@@ -58,6 +60,7 @@ TEST_F(ConfigFileTest, ParsesUpToTheFirstFault) {
         {"[a]\nk = v\nl= \nk=a;b=[c]\nK=1\n", "[a]\nk=a;b=[c]\nK=1\nk = v\nl= \n\n"},
         {std::string("[a]\nk\0x=v\0w\nl=m\n", 16), "[a]\nk=v\nl=m\n\n"},
         {"[a\\\\b\nc\\n]\nk\\r=\\\\v\\n\n", "[a\\\\b\\nc\\n]\nk\\r=\\\\v\\n\n\n"},
+        {"[a]\nk=v\n\n\n\n", "[a]\nk=v\n\n"},  // as a writer leaves it who was killed before the cut
         {"[a\\]\nx=\\q\ny=a\\\nz=\\", "[a\\\\]\nx=\\\\q\ny=a\\\\\nz=\\\\\n\n"},
         {"[" + name + "]\n\n[" + name + "n]\n", "[" + name + "]\n\n[]\n\n"},
         {"[a]\n" + name + "=" + value + "w\nl=m\n", "[a]\nl=m\n" + name + "=" + value + "\n\n"},
@@ -119,11 +122,11 @@ TEST_F(ConfigFileTest, KeepsModeOwnerAndLinksAndOnAFullDiskTheContent) {
         EXPECT_EQ(chmod(path_.c_str(), 0604), 0);
         if (linked) std::filesystem::create_hard_link(path_, folder_ / "2");
 
-        // A file that may grow no further stands for a full disk. The signal that comes with it would kill
-        // the writer of a linked file, who must see it before anything is overwritten.
+        // A file that may grow no further stands for a full disk. The signal that comes with it would kill the
+        // writer, who must see it before anything is written.
         const pid_t writer = support::startChild([&] {
             file_.changeValue("s", "A", std::string(99, 'x').c_str());
-            std::signal(SIGXFSZ, linked ? SIG_DFL : SIG_IGN);
+            std::signal(SIGXFSZ, SIG_DFL);
             const rlimit limit{99, 99};
             setrlimit(RLIMIT_FSIZE, &limit);
             return file_.changeStanzaWithWrite("s");
@@ -138,6 +141,87 @@ TEST_F(ConfigFileTest, KeepsModeOwnerAndLinksAndOnAFullDiskTheContent) {
         struct stat after {};
         EXPECT_EQ(stat(path_.c_str(), &after), 0);
         EXPECT_TRUE(after.st_uid == owner && (after.st_mode & 07777) == 0604);
+    }
+}
+
+// As the kernel keeps it: version 2, then tag, permissions and id of the owner, user 65534, the group, the mask and
+// the others.
+constexpr char kAccessList[] =
+    "\2\0\0\0"
+    "\1\0\6\0\377\377\377\377"
+    "\2\0\6\0\376\377\0\0"
+    "\4\0\0\0\377\377\377\377"
+    "\x10\0\6\0\377\377\377\377"
+    "\x20\0\0\0\377\377\377";
+
+TEST_F(ConfigFileTest, KeepsAnAccessListAndInheritsNone) {
+    const auto accessList = [this] {
+        std::string bytes(99, '\0');
+        const ssize_t size = getxattr(path_.c_str(), "system.posix_acl_access", bytes.data(), bytes.size());
+        return bytes.substr(0, size > 0 ? static_cast<std::size_t>(size) : 0);
+    };
+    for (const char* owner : {"file", "folder"}) {
+        support::writeFile(path_, kOld);
+        const bool isFiles = std::string(owner) == "file";
+        const std::string holder = isFiles ? path_ : folder_.path();
+        const char* name = isFiles ? "system.posix_acl_access" : "system.posix_acl_default";
+        if (setxattr(holder.c_str(), name, kAccessList, sizeof kAccessList, 0) != 0)
+            GTEST_SKIP() << "no access lists here";
+        const std::string before = accessList();
+        EXPECT_TRUE(file_.changeStanzaWithWrite("s"));
+        EXPECT_EQ(onDisk(), kChanged);
+        EXPECT_EQ(accessList(), before) << owner;
+        std::filesystem::remove(path_);
+    }
+}
+
+TEST_F(ConfigFileTest, RemovesWhatKilledWritersLeft) {
+    const std::pair<const char*, bool> files[] = {
+        {".clients.ini.aB3xyz", false}, {".clients.ini.aB3xy-", true}, {".clients.ini.aB3xyzz", true},
+        {".other.ini.aB3xyz", true},    {".clients.ini.NEWone", true},
+    };
+    support::writeFile(path_, kOld);
+    std::filesystem::create_directory(folder_ / ".clients.ini.Folder");
+    for (const auto& [name, stays] : files) {
+        support::writeFile(folder_ / name, "");
+        if (std::string(name) != ".clients.ini.NEWone")
+            std::filesystem::last_write_time(
+                folder_ / name, std::filesystem::file_time_type::clock::now() - std::chrono::minutes(61));
+    }
+    EXPECT_TRUE(file_.changeStanzaWithWrite("s"));
+    for (const auto& [name, stays] : files)
+        EXPECT_EQ(std::filesystem::exists(folder_ / name), stays) << name;
+    EXPECT_TRUE(std::filesystem::exists(folder_ / ".clients.ini.Folder"));
+}
+
+TEST_F(ConfigFileTest, WaitsForNobodyAtTheOtherEndOfAPipe) {
+    ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+    EXPECT_FALSE(file_.parseConfigFile());
+    EXPECT_STREQ(file_.lastParseError().reason, "not a regular file");
+    EXPECT_FALSE(file_.writeFile(false));
+    EXPECT_EQ(file_.getModificationDate(), 0);
+}
+
+// Whoever completes a section sees what others wrote since he read the file.
+TEST_F(ConfigFileTest, CompletesAStanzaWithWhatItStillLacks) {
+    const auto complete = [](Stanza& stanza, bool isNew) {
+        return (isNew || !stanza.findValue("A")) && stanza.addValue("A", "1");
+    };
+    const struct {
+        std::string before, after;
+        bool done;
+    } cases[] = {
+        {kHead + "\n", kHead + "s=\n\n[s]\nA=1\n\n", true},
+        {kHead + "s=\n\n[s]\nB=2\n", kHead + "s=\n\n[s]\nA=1\nB=2\n\n", true},
+        {";kept\n" + kOld, ";kept\n" + kOld, true},
+        {"[other]\n", "[other]\n", false},  // nothing can be listed
+    };
+    for (const auto& c : cases) {
+        support::writeFile(path_, c.before);
+        EXPECT_EQ(file_.completeStanzaWithWrite("s", complete), c.done) << c.before;
+        EXPECT_EQ(onDisk(), c.after);
+        CText value;
+        EXPECT_TRUE(file_.getValue("s", "A", value)) << c.before;
     }
 }
 

@@ -3,52 +3,27 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
 
 #include "config/LockedFile.h"
 #include "eventlog/eventlog.h"
+#include "platform/ErrnoKeeper.h"
 
 namespace {
 
 // Always false; errno stays.
 bool report(FileFault fault, const CText& path) {
-    const int cause = errno;
-    ReportSystemEvent(SYS_EVENT_ERROR, SYS_EVENT_CONFIG, "[%s] %s %s", std::strerror(cause),
+    const ErrnoKeeper keeper;
+    ReportSystemEvent(SYS_EVENT_ERROR, SYS_EVENT_CONFIG, "[%s] %s %s", std::strerror(keeper.value()),
                       fileFaultText(fault), path.GetTextEx());
-    errno = cause;
     return false;
 }
 
 bool doneOrReported(FileFault fault, const CText& path) {
     return fault == FileFault::kNone || report(fault, path);
 }
-
-// A stream into memory.
-class MemoryStream {
-  public:
-    MemoryStream() : stream_(::open_memstream(&bytes_, &size_)) {}
-    MemoryStream(const MemoryStream&) = delete;
-    MemoryStream& operator=(const MemoryStream&) = delete;
-    ~MemoryStream() {
-        if (stream_ != nullptr) std::fclose(stream_);
-        std::free(bytes_);
-    }
-
-    std::FILE* stream() const { return stream_; }  // null when there is no memory for it
-
-    // What was written, after a successful finish().
-    const char* bytes() const { return bytes_; }
-    std::uint32_t size() const { return static_cast<std::uint32_t>(size_); }
-    bool finish() const { return std::fflush(stream_) == 0 && std::ferror(stream_) == 0; }
-
-  private:
-    char* bytes_ = nullptr;
-    std::size_t size_ = 0;
-    std::FILE* stream_;
-};
 
 }  // namespace
 
@@ -76,8 +51,10 @@ bool ConfigFile::parseStanza(const CText& name) {
 bool ConfigFile::parse(const CText* only) {
     MutexLock lock(lock_);
     LockedFile file(path_);
-    if (doneOrReported(file.open(LockedFile::kRead), path_)) return pLoad(file, only);
-    parseError_ = {"the file cannot be opened and locked", 0, 0, errno};
+    const FileFault fault = file.open(LockedFile::kRead);
+    if (doneOrReported(fault, path_)) return pLoad(file, only);
+    const bool isOther = fault == FileFault::kNotRegular;
+    parseError_ = {isOther ? fileFaultText(fault) : "the file cannot be opened and locked", 0, 0, errno};
     return false;
 }
 
@@ -289,16 +266,16 @@ bool ConfigFile::pReadsBack(const char* bytes, std::uint32_t size) {
 
 // memory has watched since before the image was put together: one that lacks something is not written.
 bool ConfigFile::pStore(LockedFile& file, const MemoryWatch& memory) {
-    MemoryStream content;
-    bool written = content.stream() != nullptr;
-    for (ListIterators<Stanza*> i(stanzas_); written && !i.isDone(); i.next())
-        written = i.currentItem()->saveStanza(content.stream());
-    if (!written || !content.finish()) return report(FileFault::kWrite, path_);
-    if (!pReadsBack(content.bytes(), content.size()) || memory.ranOut()) {
-        errno = memory.ranOut() ? ENOMEM : content.size() > kMaxFileSize ? EFBIG : EINVAL;
+    CText content;
+    bool isWhole = true;
+    for (ListIterators<Stanza*> i(stanzas_); isWhole && !i.isDone(); i.next())
+        isWhole = i.currentItem()->appendStanza(content);
+    const std::uint32_t size = content.Length();
+    if (!isWhole || !pReadsBack(content.GetTextEx(), size) || memory.ranOut()) {
+        errno = !isWhole || memory.ranOut() ? ENOMEM : size > kMaxFileSize ? EFBIG : EINVAL;
         return report(FileFault::kWrite, path_);
     }
-    return doneOrReported(file.replace(content.bytes(), content.size()), path_);
+    return doneOrReported(file.replace(content.GetTextEx(), size), path_);
 }
 
 bool ConfigFile::writeFile(bool merge) {
@@ -348,6 +325,29 @@ bool ConfigFile::changeStanzaWithWrite(const char* name) {
         if (!image.pAddStanza(new (std::nothrow) Stanza(*inMemory), false)) return false;
     }
     return image.pStore(file, memory);
+}
+
+bool ConfigFile::completeStanzaWithWrite(const CText& name, bool (*complete)(Stanza&, bool isNew)) {
+    MutexLock lock(lock_);
+    const MemoryWatch memory;
+    LockedFile file(path_);
+    if (!doneOrReported(file.open(LockedFile::kChange), path_)) return false;
+    ConfigFile image(path_.GetText(), directoryName_.GetText());
+    MutexLock imageLock(image.lock_);
+    if (!image.pLoad(file, nullptr)) return false;
+
+    const bool isNew = image.pGetStanza(name) == nullptr;
+    if (isNew && (image.pGetDirectory() == nullptr ||
+                  !image.pAddStanza(new (std::nothrow) Stanza(name.GetTextEx()), true))) {
+        return false;
+    }
+    const bool isChanged = complete(*image.pGetStanza(name), isNew);
+    if (isChanged && !image.pStore(file, memory)) return false;
+    removeAllStanzas();
+    for (ListIterators<Stanza*> i(image.stanzas_); !i.isDone(); i.next())
+        stanzas_.append(i.currentItem());
+    image.stanzas_.clear();  // they have a new owner
+    return true;
 }
 
 bool ConfigFile::dump() {

@@ -71,7 +71,7 @@ class ConfigFile {
     // when memory runs out, and then something may be missing here.
     bool mergeConfigFiles(ConfigFile& other) VELARTO_REQUIRES(other.lock_);
 
-    // The next three hold one exclusive lock on the file from before it is read until it is written, and the
+    // The next four hold one exclusive lock on the file from before it is read until it is written, and the
     // file keeps its old content, whole, unless the new content could be written whole (see LockedFile).
     // A file that is missing, cannot be opened for writing or does not parse fails them, with nothing
     // changed; so does an image that would not parse back to the same sections, such as
@@ -84,6 +84,10 @@ class ConfigFile {
     bool removeStanzaWithWrite(const char* name);
     // Writes this object's stanza into the file; the other stanzas stay as they are on disk.
     bool changeStanzaWithWrite(const char* name);
+    // Gives the file's stanza what it lacks: complete is shown the stanza as it is on disk now, or a new and empty
+    // one where there is none, adds what is missing and tells whether it did. Only then the file is written, with
+    // a new stanza listed in the directory. Afterwards this object holds what complete saw and changed.
+    bool completeStanzaWithWrite(const CText& name, bool (*complete)(Stanza& stanza, bool isNew));
 
     bool dump();  // every stanza to standard error; always true
 

@@ -7,9 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
+
+#include "config/TemporaryFile.h"
+#include "platform/ErrnoKeeper.h"
 
 namespace {
 
@@ -18,18 +19,6 @@ Mutex& processMutex() {
     static Mutex mutex(Mutex::kPrivate);
     return mutex;
 }
-
-// Keeps errno for the caller who asks why, through a clean-up.
-class ErrnoKeeper {
-  public:
-    ErrnoKeeper() : errno_(errno) {}
-    ErrnoKeeper(const ErrnoKeeper&) = delete;
-    ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
-    ~ErrnoKeeper() { errno = errno_; }
-
-  private:
-    int errno_;
-};
 
 bool isSameFile(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
@@ -46,6 +35,15 @@ bool writeWhole(int fd, const void* bytes, std::uint32_t size) {
     return true;
 }
 
+// A write beyond the limit would raise SIGXFSZ, which ends the process unless it is ignored. A library leaves
+// signals to its host, so the limit is an error before anything is written.
+bool isWithinLimit(std::uint32_t size) {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_FSIZE, &limit) != 0 || size <= limit.rlim_cur) return true;
+    errno = EFBIG;
+    return false;
+}
+
 bool writeAndSync(int fd, const void* bytes, std::uint32_t size) {
     return writeWhole(fd, bytes, size) && ::fsync(fd) == 0;
 }
@@ -53,75 +51,10 @@ bool writeAndSync(int fd, const void* bytes, std::uint32_t size) {
 // Sees to it that the first size bytes can be written without running out of space; the file stays as long as
 // it is, whatever ends the process now. A file system that knows no reservation lets it pass.
 bool reserve(int fd, std::uint32_t size) {
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && size > limit.rlim_cur) {
-        errno = EFBIG;
-        return false;
-    }
     const auto reserveAll = [&] { return ::fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, off_t{size}); };
     if (size == 0 || uninterrupted(reserveAll) == 0) return true;
     return errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL;
 }
-
-// The folder part of a path, with the slash that ends it; empty when the path has none.
-CText folderOf(const char* path) {
-    const char* slash = std::strrchr(path, '/');
-    return slash != nullptr ? CText(path, static_cast<std::uint32_t>(slash + 1 - path)) : CText();
-}
-
-// The name in a folder is made durable by syncing the folder. Not every folder may be opened, and by then the
-// new file is in its place: no failure.
-void syncFolder(const CText& folder) {
-    const char* name = folder.IsEmpty() ? "." : folder.GetTextEx();
-    const Descriptor opened(::open(name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (opened.get() != -1) ::fsync(opened.get());
-}
-
-// A new file ".name.XXXXXX" in the folder of a path. It goes at the end of its life unless it took the place
-// of the other.
-class TemporaryFile {
-  public:
-    explicit TemporaryFile(const CText& path) : path_(path), folder_(folderOf(path.GetTextEx())) {}
-    TemporaryFile(const TemporaryFile&) = delete;
-    TemporaryFile& operator=(const TemporaryFile&) = delete;
-    ~TemporaryFile() {
-        const ErrnoKeeper keeper;
-        if (exists_) ::unlink(name_.GetTextEx());
-    }
-
-    int fd() const { return file_.get(); }
-
-    // False when there can be none with the owner, group and mode of the model, or no memory for its name.
-    bool create(const struct stat& model) {
-        name_ = folder_;
-        name_ += ".";
-        name_ += path_.GetTextEx() + folder_.Length();
-        name_ += ".XXXXXX";
-        if (memory_.ranOut()) return false;
-        file_.reset(::mkostemp(reinterpret_cast<char*>(name_.GetBuffer()), O_CLOEXEC));
-        exists_ = fd() != -1;
-        const mode_t mode = model.st_mode & 07777;
-        struct stat status = {};
-        // The mode comes second: a new owner clears the set-id bits.
-        return exists_ && ::fchown(fd(), model.st_uid, model.st_gid) == 0 && ::fchmod(fd(), mode) == 0 &&
-               ::fstat(fd(), &status) == 0 && (status.st_mode & 07777) == mode;
-    }
-
-    bool takePlace() {
-        if (std::rename(name_.GetTextEx(), path_.GetTextEx()) != 0) return false;
-        exists_ = false;
-        syncFolder(folder_);
-        return true;
-    }
-
-  private:
-    const MemoryWatch memory_;
-    const CText& path_;
-    CText folder_;
-    CText name_;
-    Descriptor file_;
-    bool exists_ = false;
-};
 
 }  // namespace
 
@@ -131,6 +64,8 @@ const char* fileFaultText(FileFault fault) {
             return "could not open file";
         case FileFault::kLock:
             return "could not lock file";
+        case FileFault::kNotRegular:
+            return "not a regular file";
         case FileFault::kStatus:
             return "cannot retrieve file status data for";
         case FileFault::kRead:
@@ -171,11 +106,14 @@ FileFault LockedFile::open(Access access) {
 
 FileFault LockedFile::openAndLock(int flags, bool writeLock) {
     constexpr mode_t kNewFileMode = 0666;  // less the umask, as for any text file
-    file_.reset(::open(path_.GetTextEx(), flags | O_CLOEXEC, kNewFileMode));
+    // Without blocking: the opening of a pipe would wait for somebody at its other end.
+    file_.reset(::open(path_.GetTextEx(), flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, kNewFileMode));
     if (file_.get() == -1) return FileFault::kOpen;
     if (!LockOSFile(file_.get(), writeLock)) return FileFault::kLock;
-    return GetFileStatusInfo(path_.GetTextEx(), file_.get(), status_) == 0 ? FileFault::kNone
-                                                                           : FileFault::kStatus;
+    if (GetFileStatusInfo(path_.GetTextEx(), file_.get(), status_) != 0) return FileFault::kStatus;
+    if (S_ISREG(status_.st_mode)) return FileFault::kNone;
+    errno = EINVAL;
+    return FileFault::kNotRegular;
 }
 
 bool LockedFile::isNamedByPath() const {
@@ -215,9 +153,10 @@ FileFault LockedFile::read(CData& out, std::uint32_t maxSize) const {
 
 FileFault LockedFile::replace(const char* bytes, std::uint32_t size) {
     TemporaryFile beside(path_);
+    beside.removeAbandoned();
     bool replaced = false;
-    if (isPlain() && beside.create(status_)) {
-        if (!writeAndSync(beside.fd(), bytes, size)) return FileFault::kWrite;
+    if (isPlain() && beside.createLike(file_.get(), status_)) {
+        if (!isWithinLimit(size) || !writeAndSync(beside.fd(), bytes, size)) return FileFault::kWrite;
         replaced = beside.takePlace();
     }
     const FileFault fault = replaced ? FileFault::kNone : rewriteInPlace(bytes, size);
@@ -226,11 +165,29 @@ FileFault LockedFile::replace(const char* bytes, std::uint32_t size) {
 }
 
 FileFault LockedFile::rewriteInPlace(const char* bytes, std::uint32_t size) {
+    // A shorter content is followed by line feeds up to the old size, in the same write: should the process be
+    // killed before the cut, the file has empty lines at its end, and not the rest of the old content. What is
+    // longer than this was no configuration that could be read.
+    constexpr off_t kLongestFilled = 131072;
+    const off_t oldSize = status_.st_size;
+    std::uint32_t written = size;
+    CData filled;
+    if (oldSize > size && oldSize <= kLongestFilled) {
+        written = static_cast<std::uint32_t>(oldSize);
+        if (!filled.SetBufferSize(written)) {
+            errno = ENOMEM;
+            return FileFault::kWrite;
+        }
+        std::memset(filled.GetBuffer(), '\n', written);
+        if (size != 0) std::memcpy(filled.GetBuffer(), bytes, size);
+    }
+    const void* content = written > size ? filled.GetBuffer() : static_cast<const void*>(bytes);
     CData overwritten;
-    if (read(overwritten, size) != FileFault::kNone) return FileFault::kRead;
+    if (read(overwritten, written) != FileFault::kNone) return FileFault::kRead;
 
     FileFault fault = FileFault::kWrite;
-    if (reserve(file_.get(), size) && writeAndSync(file_.get(), bytes, size)) {
+    if (isWithinLimit(written) && reserve(file_.get(), written) &&
+        writeAndSync(file_.get(), content, written)) {
         if (ChangeOSFileSize(file_.get(), size)) {
             ::fsync(file_.get());  // the size; the content is safe already
             return FileFault::kNone;
@@ -239,6 +196,6 @@ FileFault LockedFile::rewriteInPlace(const char* bytes, std::uint32_t size) {
     }
     const ErrnoKeeper keeper;
     writeWhole(file_.get(), overwritten.GetBuffer(), overwritten.GetDataSize());
-    if (::ftruncate(file_.get(), status_.st_size) == 0) ::fsync(file_.get());
+    if (::ftruncate(file_.get(), oldSize) == 0) ::fsync(file_.get());
     return fault;
 }

@@ -11,7 +11,7 @@
 #include "platform/osfile_impl.h"
 
 // The step of a file operation that failed; errno tells why.
-enum class FileFault { kNone, kOpen, kLock, kStatus, kRead, kSize, kWrite };
+enum class FileFault { kNone, kOpen, kLock, kStatus, kNotRegular, kRead, kSize, kWrite };
 
 const char* fileFaultText(FileFault fault);  // "could not open file" and the like, to stand before a path
 
@@ -25,8 +25,8 @@ const char* fileFaultText(FileFault fault);  // "could not open file" and the li
 // a lock therefore checks that it is the lock of the file which the path names now, and else opens again.
 class LockedFile {
   public:
-    // kCreate: as kChange, and creates a missing file. It goes again unless replace() succeeds, or
-    // when it could not even be locked.
+    // kCreate: as kChange, and creates a missing file. A file that was created is removed again unless replace()
+    // succeeds; one that could not be locked stays.
     enum Access { kRead, kChange, kCreate };
 
     explicit LockedFile(const CText& path);
@@ -34,7 +34,8 @@ class LockedFile {
     LockedFile& operator=(const LockedFile&) = delete;
     ~LockedFile();
 
-    // Called once. Nothing is emptied by it.
+    // Called once. Nothing is emptied by it. Waits for the lock, and for nothing else: what is no regular file,
+    // such as a pipe, is refused.
     FileFault open(Access access);
 
     const struct stat& status() const { return status_; }  // taken when the lock was granted
@@ -47,13 +48,16 @@ class LockedFile {
     // kChange or kCreate.
     //
     // A plain file of one link is replaced by rename: the content is written to a file beside it of the same
-    // owner, group and mode, and synced; a crash leaves the old or the new file. Where that cannot be had (a
-    // symbolic or further hard link, a folder that takes no files, an owner that cannot be given away, a
-    // mount point) the file is written in place. Space for growth is reserved first, so that a full disk
-    // shows before anything is overwritten; then the whole content is written, then the size is cut. What was
+    // owner, group, mode and extended attributes (access control lists among them), and synced; a crash leaves
+    // the old or the new file. Where that cannot be had (a symbolic or further hard link, a folder that takes
+    // no files, an owner or an attribute that cannot be given, a mount point) the file is written in place.
+    // Space for growth is reserved first, so that a full disk shows before anything is overwritten; then the
+    // whole content is written, with line feeds up to the old size behind it, then the size is cut. What was
     // overwritten is put back when a step fails. A process killed between two steps leaves the old content or
-    // the new, behind which, until the cut, stands what the old has more. Killed within the write it leaves a
-    // beginning of the new before the rest of the old; a crash of the system may leave any mixture.
+    // the new, until the cut with empty lines at its end. Killed within the write it leaves a beginning of the
+    // new before the rest of the old; a crash of the system may leave any mixture.
+    //
+    // Files that killed processes left beside it are removed when they are an hour old.
     FileFault replace(const char* bytes, std::uint32_t size);
 
   private:
