@@ -132,6 +132,9 @@ void checkText(const CText& text, const std::string& model, const Arguments& a) 
     const int order = strcasecmp(model.c_str(), s);
     assert((text < CText(s)) == (order < 0) && (text == CText(s)) == (order == 0));
     assert(text.CompareLeft(s) == (strncasecmp(model.c_str(), s, a.s.size()) == 0));
+    const std::size_t first = position(a.n, model);
+    const int firstOrder = (a.flag ? strncmp : strncasecmp)(model.c_str(), s, first);
+    assert(text.FirstNEquals(s, a.n, a.flag) == (first == 0 ? model.size() == a.n : firstOrder == 0));
 
     const std::size_t next = *s == 0 ? std::string::npos : model.find(s, a.n);
     assert(text.Pos(s, a.n, true) == static_cast<std::uint32_t>(next));

@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
+#include <type_traits>
 
 namespace {
 
@@ -43,6 +45,8 @@ TEST(Text, InlineTextsKeepTheirBuffer) {
     CTextLocal<31> text("kept");
     EXPECT_EQ(text.ReleaseBuffer(nullptr, nullptr), nullptr);
     EXPECT_TRUE(CTextLocal<31>(text) == "kept" && CTextLocal<1>("x").IsEmpty());
+    static_assert(!std::is_assignable_v<CTextLocal<31>&, long>);
+    static_assert(!std::is_constructible_v<CTextLocal<31>, unsigned long>);
     text.ReleaseData();
     text = "again";
     EXPECT_STREQ(text.GetTextEx(), "again");
@@ -54,6 +58,9 @@ TEST(Text, ComparesWithoutCaseUnlessToldOtherwise) {
     EXPECT_TRUE(abc.Equals("ABCd", 3) && abc.Equals("abc", 3, true) && abc.FirstNEquals("aBcd", 4, false));
     EXPECT_FALSE(abc.Equals(CText("aBC"), true) || abc.FirstNEquals("aBc", 3, true) ||
                  abc.Equals("abcd", 4, true) || abc.FirstNEquals("", 0, true));
+    const std::unique_ptr<char[]> shorter(
+        new char[2]{'a', 0});  // where an address sanitizer sees its end
+    EXPECT_FALSE(abc.FirstNEquals(shorter.get(), 3, true));
 }
 
 TEST(Text, TerminatesWhatItCopiesIntoArrays) {

@@ -248,7 +248,7 @@ bool CText::FirstNEquals(const char* s, std::uint32_t n, bool caseSensitive) con
     if (s == nullptr) n = 0;
     if (IsEmpty() || n == 0) return IsEmpty() && n == 0;
     n = std::min(n, Length());
-    if (caseSensitive) return std::memcmp(buffer_, s, n) == 0;
+    if (caseSensitive) return std::strncmp(GetText(), s, n) == 0;
     return std::equal(buffer_, buffer_ + n, reinterpret_cast<const unsigned char*>(s),
                       [](unsigned char a, unsigned char b) { return k2upper[a] == k2upper[b]; });
 }

@@ -90,6 +90,7 @@ class CText : public CData {
     // Case-sensitive; kNotFound when there is no match. Backward matches end at or before start.
     std::uint32_t Pos(const char* s, std::uint32_t start, bool forward) const;
     virtual void ReplaceText(std::uint32_t pos, std::uint32_t count, const CText& with);
+    // All matches; a result that does not fit changes nothing.
     virtual void ReplaceAll(const CText& from, const CText& to);
     virtual void ReplaceAll(const CText& from, const CText& to, bool caseSensitive);
     virtual void ReplaceOccurrence(const CText& from, const CText& to, std::uint32_t n,
@@ -113,7 +114,7 @@ class CText : public CData {
     virtual bool Equals(const CData& other, bool caseSensitive) const;
     virtual bool Equals(const char* s, std::uint32_t n,
                         bool caseSensitive) const;  // case-sensitive: the whole text
-    // Compares over the shorter of n and this text's length.
+    // Compares over the shorter of n and this text's length; an s that ends before that differs.
     virtual bool FirstNEquals(const char* s, std::uint32_t n, bool caseSensitive) const;
     bool CompareLeft(const CText& prefix) const;
 
@@ -163,12 +164,16 @@ class CTextLocal : public CText {
     explicit CTextLocal(const CText& other) : CTextLocal() { CText::operator=(other); }
     explicit CTextLocal(char c) : CTextLocal() { CText::operator=(c); }
     explicit CTextLocal(const char* s) : CTextLocal() { CText::operator=(s); }
+    explicit CTextLocal(long) = delete;  // would be taken for a character
+    explicit CTextLocal(unsigned long) = delete;
 
     CTextLocal& operator=(const CTextLocal& other) { return assign(other); }
     CTextLocal& operator=(const CText& other) { return assign(other); }
     CTextLocal& operator=(char c) { return assign(c); }
     CTextLocal& operator=(const char* s) { return assign(s); }
     CTextLocal& operator=(const unsigned char* s) { return assign(reinterpret_cast<const char*>(s)); }
+    CTextLocal& operator=(long) = delete;  // not the decimal form that CText makes, but a character
+    CTextLocal& operator=(unsigned long) = delete;
 
     void ReleaseData() override { Clear(); }
     unsigned char* ReleaseBuffer(std::uint32_t*, std::uint32_t*) override { return nullptr; }
