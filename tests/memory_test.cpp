@@ -8,6 +8,7 @@
 #include <string>
 
 #include "config/ConfigFile.h"
+#include "eventlog/eventlog.h"
 #include "protocol/QuilClient.h"
 #include "support/Concurrent.h"
 #include "support/FakeTransport.h"
@@ -142,6 +143,15 @@ const support::TempDir folder;
 const std::string kPath = folder / "clients.ini";
 const std::string kOld = "[All]\nshop=\n\n[shop]\nCOLOUR=red\nSIZE=" + kLong + "\n\n";
 
+bool opensTheEventLog() {
+    static unsigned runs = 0;
+    const std::string path = folder / std::string(++runs * 99, 'l');  // longer than the one before
+    const bool done = scarcely([&] { return OpenSystemEventLog(path.c_str(), nullptr); });
+    EXPECT_EQ(CloseSystemEventLog(), done);
+    EXPECT_EQ(std::filesystem::remove(path), done);
+    return done;
+}
+
 // The file on disk is the old or the new one; a section is whole or not there. Lists grow and are copied on
 // the way.
 template <class Operation>
@@ -169,6 +179,7 @@ TEST(Memory, MayRunOutInEveryOperation) {
         [] { return changes<CText>([](CText& t) { t.ReplaceAll(kD, kShop, false); }); },
         sends,
         unmarshallsAList,
+        opensTheEventLog,
         [] { return readsOrWrites([](ConfigFile& file) { return file.parseConfigFile(); }); },
         [] { return readsOrWrites([](ConfigFile& file) { return file.parseStanza(kShop); }); },
         [] { return readsOrWrites([](ConfigFile& file) { return file.writeFile(false); }); },

@@ -87,7 +87,9 @@ bool OpenSystemEventLog(const char* path, const char* identity) {
     MutexLock hold(EvtLogCS());
     if (EvtLogFile != nullptr) return false;
 
+    const MemoryWatch memory;  // a name that was cut is another file's, or standard output's
     EvtLogFileName = path;
+    if (memory.ranOut()) return false;
     std::FILE* const file = EvtLogFileName.IsEmpty() ? stdout : std::fopen(EvtLogFileName.GetText(), "a+e");
     if (file == nullptr) return false;
     if (identity != nullptr) OpenSystemEventLogEx(identity);

@@ -24,8 +24,8 @@ enum TSysEventCategory : int {
 };
 
 // Opens the log file for appending (a null or empty path: standard output) and, when an identity is given,
-// the system logger. False when the log is already open or the file cannot be opened: nothing changes then.
-// Safe from several threads.
+// the system logger. False when the log is already open, the file cannot be opened or there is no memory for
+// its path: nothing changes then. Safe from several threads.
 bool OpenSystemEventLog(const char* path, const char* identity);
 
 // False when the log was not open or its file could not be closed without an error. The log is closed in
