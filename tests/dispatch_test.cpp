@@ -3,10 +3,12 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "protocol/QuilClient.h"
+#include "support/Concurrent.h"
 #include "support/FakeTransport.h"
 #include "support/TempDir.h"
 #include "support/Wire.h"
@@ -43,14 +45,17 @@ TEST(Dispatch, SendsRegularFilesOnly) {
     support::writeFile(folder / "empty", "");
     support::writeFile(folder / "huge", "");
     std::filesystem::resize_file(folder / "huge", (std::uintmax_t{4} << 30) + 10);  // a hole: takes no disk
-    ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
+    const std::string pipe = folder / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const support::Runner writer([&] { std::ofstream(pipe) << "kept"; });
+    EXPECT_TRUE(writer.blocks());
     const std::string refused = wire::fileRefused();
     const std::pair<std::string, std::string> cases[] = {
         {folder / "page", wire::fileReply("a\0b"s)},
         {folder / "back\\slash", wire::fileReply("b")},  // nothing is converted unless it is configured
         {folder / "empty", refused},
         {folder / "huge", refused},
-        {folder / "pipe", refused},
+        {pipe, refused},
         {folder / "page\0x"s, refused},
     };
     for (const auto& [path, answer] : cases) {
@@ -58,6 +63,9 @@ TEST(Dispatch, SendsRegularFilesOnly) {
         EXPECT_TRUE(client.dispatch({wire::fileRequest(path), wire::end()}));
         EXPECT_EQ(client.written, answer) << path;
     }
+    const bool waits = writer.blocks();
+    EXPECT_TRUE(waits) << "to open the pipe is to take his data";
+    if (waits) support::readFile(pipe);
 }
 
 }  // namespace
