@@ -103,10 +103,19 @@ Stanza& sectionOf(ConfigFile& file, const std::string& path, const std::string& 
     return *section;
 }
 
-std::string serverListOf(const OutlineSection& section) {
+ServerList serversOf(const OutlineSection& section) {
     Stanza stanza(section.name.text.c_str());
     for (const OutlineAttribute& attribute : section.attributes)
         stanza.addValue(attribute.key.text.c_str(), attribute.value.text.c_str());
-    CText list;
-    return ServerListOf(stanza, list).GetTextEx();
+    return ServerList(stanza);
+}
+
+std::string textOf(const ServerList& servers, std::uint32_t entry) {
+    CText text;
+    return servers.getEntry(entry, text).GetTextEx();
+}
+
+std::string faultOf(const ServerEntry& entry) {
+    CText text;
+    return entry.describeFault(text).GetTextEx();
 }

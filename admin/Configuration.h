@@ -7,6 +7,7 @@
 #include "Command.h"
 #include "Outline.h"
 #include "config/ConfigFile.h"
+#include "protocol/ServerList.h"
 
 struct Location {
     std::string path;
@@ -36,5 +37,9 @@ std::string faultText(const std::string& path, Place place, const std::string& r
 // are.
 Stanza& sectionOf(ConfigFile& file, const std::string& path, const std::string& client);
 
-// The servers that the section means, in the form of VELARTO_SERVER; empty when there are none.
-std::string serverListOf(const OutlineSection& section);
+ServerList serversOf(const OutlineSection& section);
+
+// An entry of a server list, for people: as it is written, and why it can never be reached (empty when nothing is
+// wrong).
+std::string textOf(const ServerList& servers, std::uint32_t entry);
+std::string faultOf(const ServerEntry& entry);

@@ -8,7 +8,6 @@
 #include "Command.h"
 #include "Configuration.h"
 #include "Keys.h"
-#include "ServerEntry.h"
 #include "client/ConfigClnt.h"
 #include "common/Text.h"
 #include "protocol/FileContent.h"
@@ -288,19 +287,20 @@ class Inspection {
     // ---- its servers ----
 
     void inspectServers(const OutlineSection& section) {
-        const std::string list = serverListOf(section);
+        const ServerList list = serversOf(section);
         const OutlineAttribute* servers = section.find(key::VELARTO_SERVER.name);
         const OutlineAttribute* host = section.find(key::VELARTO_HOST.name);
         const OutlineAttribute* port = section.find(key::VELARTO_PORT.name);
-        if (list.empty()) {
+        if (list.size() == 0) {
             if (!section.isWhole) return;  // they may stand in what follows the error
             error(section.name.place, "client " + quoted(section.name.text) + " has no servers",
                   "add VELARTO_SERVER=HOST,PORT");
         } else if (servers == nullptr || servers->value.text.empty()) {
-            for (const ServerEntry& entry : entriesOf(list))
-                inspectEntry(entry, port->value.place, "write ports joined with :, for example 18155:18156");
+            for (std::uint32_t i = 0; i < list.size(); ++i)
+                inspectEntry(textOf(list, i), port->value.place,
+                             "write ports joined with :, for example 18155:18156");
         } else {
-            inspectList(section, entriesOf(list), servers->value);
+            inspectList(section, list, servers->value);
             for (const OutlineAttribute* older : {host, port}) {
                 if (older != nullptr)
                     warn(older->key.place, quoted(older->key.text) + " is not used beside VELARTO_SERVER",
@@ -310,28 +310,31 @@ class Inspection {
     }
 
     // Whether the gateway can use it.
-    bool inspectEntry(const ServerEntry& entry, Place place, const char* remedy) {
-        if (!entry.fault.empty())
-            error(place, "server " + quoted(entry.text) + " can never be reached: " + entry.fault, remedy);
-        return entry.fault.empty();
+    bool inspectEntry(const std::string& text, Place place, const char* remedy) {
+        const std::string fault = faultOf(ServerEntry(text.c_str()));
+        if (!fault.empty())
+            error(place, "server " + quoted(text) + " can never be reached: " + fault, remedy);
+        return fault.empty();
     }
 
-    void inspectList(const OutlineSection& section, const std::vector<ServerEntry>& entries,
-                     const PlacedText& value) {
+    void inspectList(const OutlineSection& section, const ServerList& list, const PlacedText& value) {
         std::set<std::string> seen;
         bool hasIds = false;
-        for (const ServerEntry& entry : entries) {
-            const Place place = placeIn(value, entry.offset);
-            if (!inspectEntry(entry, place, "write it as HOST,PORT or ID,HOST,PORT")) continue;
-            if (!seen.insert(entry.host + "," + entry.port).second)
-                warn(place, "server " + quoted(entry.host + "," + entry.port) + " is there already",
-                     "remove one of the two");
-            hasIds = hasIds || !entry.sid.empty();
-            if (!entry.sid.empty() && entry.sid.size() != 4)
-                warn(
-                    place,
-                    "id " + quoted(entry.sid) + " has not 4 characters: by it no user is kept at this server",
-                    "use 4 letters or digits");
+        std::size_t offset = 0;  // of the next entry in the list
+        for (std::uint32_t i = 0; i < list.size(); ++i) {
+            const std::string text = textOf(list, i);
+            const Place place = placeIn(value, offset);
+            offset += text.size() + 1;
+            if (!inspectEntry(text, place, "write it as HOST,PORT or ID,HOST,PORT")) continue;
+            const ServerEntry entry(text.c_str());
+            const std::string sid = entry.sid(), endpoint = entry.host() + std::string(",") + entry.port();
+            if (!seen.insert(endpoint).second)
+                warn(place, "server " + quoted(endpoint) + " is there already", "remove one of the two");
+            hasIds = hasIds || !sid.empty();
+            if (!sid.empty() && sid.size() != 4)
+                warn(place,
+                     "id " + quoted(sid) + " has not 4 characters: by it no user is kept at this server",
+                     "use 4 letters or digits");
         }
         const OutlineAttribute* forced = section.find(key::FORCE_SERVER_ARG_NAME.name);
         if (forced != nullptr && !forced->value.text.empty() && !hasIds)

@@ -9,7 +9,6 @@
 #include "Command.h"
 #include "Configuration.h"
 #include "Probe.h"
-#include "ServerEntry.h"
 #include "client/ConfigClnt.h"
 #include "common/Text.h"
 
@@ -24,17 +23,18 @@ struct Options {
 };
 
 struct Result {
+    std::string text;  // of the entry
     ServerEntry entry;
+    std::string fault;           // of the entry
     std::optional<Probe> probe;  // none was asked for, or is possible
 
     bool answers() const { return probe && probe->fault.empty(); }
 };
 
-std::vector<ServerEntry> serversOf(const Request& request, const std::string& client) {
+ServerList serversOf(const Request& request, const std::string& client) {
     const std::string path = locate(request).path;
     const std::unique_ptr<ConfigFile> file = load(path);
-    CText list;
-    return entriesOf(ServerListOf(sectionOf(*file, path, client), list).GetTextEx());
+    return ServerList(sectionOf(*file, path, client));
 }
 
 // One line that is overwritten, for whoever watches.
@@ -43,14 +43,15 @@ void showProgress(const std::string& text) {
     if (isWatched) std::cerr << "\r\x1B[K" << text << std::flush;
 }
 
-std::vector<Result> resultsOf(std::vector<ServerEntry> entries, const Options& options) {
+std::vector<Result> resultsOf(const ServerList& servers, const Options& options) {
     std::vector<Result> results;
-    for (ServerEntry& entry : entries) {
-        Result result{std::move(entry), std::nullopt};
-        if (options.probe && result.entry.fault.empty()) {
-            showProgress(format("probing %zu of %zu: ", results.size() + 1, entries.size()) +
-                         shown(result.entry.text));
-            result.probe = probe(result.entry.host, result.entry.port, options.timeout);
+    for (std::uint32_t i = 0; i < servers.size(); ++i) {
+        const std::string text = textOf(servers, i);
+        const ServerEntry entry(text.c_str());
+        Result result{text, entry, faultOf(entry), std::nullopt};
+        if (options.probe && result.fault.empty()) {
+            showProgress(format("probing %u of %u: ", i + 1, servers.size()) + shown(text));
+            result.probe = probe(entry.host(), entry.port(), options.timeout);
         }
         results.push_back(std::move(result));
     }
@@ -59,7 +60,7 @@ std::vector<Result> resultsOf(std::vector<ServerEntry> entries, const Options& o
 }
 
 std::string verdict(const Result& result) {
-    if (!result.entry.fault.empty()) return "cannot be used: " + shown(result.entry.fault);
+    if (!result.fault.empty()) return "cannot be used: " + shown(result.fault);
     if (!result.probe) return "";
     const std::string time = textOf(result.probe->time);
     return result.answers() ? "answers after " + time : "fails after " + time + ": " + result.probe->fault;
@@ -68,26 +69,28 @@ std::string verdict(const Result& result) {
 void printTable(const std::vector<Result>& results) {
     std::size_t sidWidth = 1;
     std::size_t endpointWidth = 1;
-    const auto endpointOf = [](const ServerEntry& entry) {
-        return shown(entry.host.empty() ? entry.text : entry.host + " " + entry.port);
+    const auto sidOf = [](const Result& result) { return shown(result.entry.sid()); };
+    const auto endpointOf = [](const Result& result) {
+        const std::string host = result.entry.host();
+        return shown(host.empty() ? result.text : host + " " + result.entry.port());
     };
     for (const Result& result : results) {
-        sidWidth = std::max(sidWidth, widthOf(shown(result.entry.sid)));
-        endpointWidth = std::max(endpointWidth, widthOf(endpointOf(result.entry)));
+        sidWidth = std::max(sidWidth, widthOf(sidOf(result)));
+        endpointWidth = std::max(endpointWidth, widthOf(endpointOf(result)));
     }
     for (const Result& result : results) {
-        const std::string sid = result.entry.sid.empty() ? "-" : shown(result.entry.sid);
-        const std::string line = padded(sid, sidWidth) + "  " +
-                                 padded(endpointOf(result.entry), endpointWidth) + "  " + verdict(result);
+        const std::string sid = sidOf(result).empty() ? "-" : sidOf(result);
+        const std::string line =
+            padded(sid, sidWidth) + "  " + padded(endpointOf(result), endpointWidth) + "  " + verdict(result);
         std::cout << line.substr(0, line.find_last_not_of(' ') + 1) << '\n';
     }
 }
 
 Json jsonOf(const Result& result) {
     const ServerEntry& entry = result.entry;
-    Json json{{"entry", entry.text}, {"sid", entry.sid}, {"host", entry.host}, {"port", entry.port}};
-    json["usable"] = entry.fault.empty();
-    if (!entry.fault.empty()) json["fault"] = entry.fault;
+    Json json{{"entry", result.text}, {"sid", entry.sid()}, {"host", entry.host()}, {"port", entry.port()}};
+    json["usable"] = result.fault.empty();
+    if (!result.fault.empty()) json["fault"] = result.fault;
     if (!result.probe) return json;
     json["answers"] = result.answers();
     json["milliseconds"] = result.probe->time.count();
@@ -98,7 +101,7 @@ Json jsonOf(const Result& result) {
 int listServers(const Request& request, const Options& options) {
     const std::vector<Result> results = resultsOf(serversOf(request, options.client), options);
     const auto fine = std::count_if(results.begin(), results.end(), [&](const Result& result) {
-        return options.probe ? result.answers() : result.entry.fault.empty();
+        return options.probe ? result.answers() : result.fault.empty();
     });
     const std::size_t n = results.size();
     if (request.json) {

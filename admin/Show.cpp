@@ -5,7 +5,6 @@
 #include "Command.h"
 #include "Configuration.h"
 #include "Keys.h"
-#include "ServerEntry.h"
 #include "client/ConfigClnt.h"
 
 namespace {
@@ -19,7 +18,7 @@ int list(const Request& request) {
     for (const OutlineSection& section : outline.sections()) {
         if (!isClient(outline, section)) continue;
         const bool isListed = directory != nullptr && directory->find(section.name.text) != nullptr;
-        const std::size_t servers = entriesOf(serverListOf(section)).size();
+        const std::uint32_t servers = serversOf(section).size();
         clients.push_back({{"client", section.name.text},
                            {"line", section.name.place.line},
                            {"servers", servers},
@@ -47,7 +46,7 @@ std::string meaningOf(const OutlineSection& section, const ClientKey& key, const
     stanza.addValue(key.name, value.c_str());
     switch (key.kind) {
         case KeyKind::kServers:
-            return serverListOf(section);
+            return serversOf(section).text().GetTextEx();
         case KeyKind::kTruth:
             return IsTrueValue(stanza, key) ? "yes" : "no";
         case KeyKind::kNumber: {
@@ -67,7 +66,7 @@ Setting settingOf(const OutlineSection& section, const ClientKey& key) {
         return {key.name, meaning, lineOf(own->key) + (meaning != text ? ", '" + text + "'" : "")};
     }
     if (key.kind == KeyKind::kServers) {
-        const std::string servers = serverListOf(section);
+        const std::string servers = serversOf(section).text().GetTextEx();
         return {key.name, servers, servers.empty() ? "missing" : "from VELARTO_HOST and VELARTO_PORT"};
     }
     return {key.name, key.byDefault, own == nullptr ? "default" : "empty on " + lineOf(own->key)};

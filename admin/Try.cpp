@@ -5,7 +5,6 @@
 
 #include "Command.h"
 #include "Configuration.h"
-#include "ServerEntry.h"
 #include "TryClient.h"
 #include "TryRequest.h"
 #include "cgi/VeHttpResponse.h"
@@ -132,16 +131,16 @@ void fill(TQuilRequest& record, const TryOptions& options, Steps& steps) {
     steps.note("body", format("%u bytes", size), Json{{"size", size}});
 }
 
-// The section's server list as the gateway understands it, in this process only.
-void prepareServers(Stanza& section, const std::string& client, Steps& steps) {
-    CText list;
-    if (ServerListOf(section, list).IsEmpty())
+// Tells of those that the gateway cannot use.
+void inspectServers(Stanza& section, const std::string& client, Steps& steps) {
+    const ServerList servers(section);
+    if (servers.size() == 0)
         throw Failure("the client '" + shown(client) + "' has no server list (the gateway's error 601)");
-    section.changeValue(key::VELARTO_SERVER.name, list.GetTextEx());
-    for (const ServerEntry& entry : entriesOf(list.GetTextEx())) {
-        if (!entry.fault.empty())
-            steps.note("server", "'" + entry.text + "' cannot be used: " + entry.fault,
-                       Json{{"entry", entry.text}, {"fault", entry.fault}});
+    for (std::uint32_t i = 0; i < servers.size(); ++i) {
+        const std::string entry = textOf(servers, i), fault = faultOf(ServerEntry(entry.c_str()));
+        if (!fault.empty())
+            steps.note("server", "'" + entry + "' cannot be used: " + fault,
+                       Json{{"entry", entry}, {"fault", fault}});
     }
 }
 
@@ -153,7 +152,8 @@ Outcome converse(const TryOptions& options, TryClient& client, TQuilRequest& rec
     if (!client.SendQuilRequest(&record))
         return {CLIENT_ERR_SEND, "send", "the request could not be sent: " + client.fault()};
     steps.note("sent", std::to_string(client.sent()) + " bytes", Json{{"size", client.sent()}});
-    if (client.DispatchQuilRequests(Answer::take, &answer, IsTrueValue(section, key::PARSEFILEPATHS))) return {};
+    if (client.DispatchQuilRequests(Answer::take, &answer, IsTrueValue(section, key::PARSEFILEPATHS)))
+        return {};
     if (!std::cout) throw Failure("the output cannot be written");
     std::string reason = answer.fault().empty() ? client.fault() : answer.fault();
     if (reason.empty()) reason = "the server sent something that is no message";
@@ -178,7 +178,7 @@ int tryRequest(const Request& request, const TryOptions& options) {
     const std::unique_ptr<ConfigFile> file = load(path);
     Stanza& section = sectionOf(*file, path, options.client);
     Steps steps(options.verbose, request.json);
-    prepareServers(section, options.client, steps);
+    inspectServers(section, options.client, steps);
     TQuilRequest record;
     fill(record, options, steps);
 

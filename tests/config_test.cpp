@@ -52,6 +52,7 @@ class Config : public GatewayTest {
 
 TEST_F(Config, CheckTellsTheMistakeItsPlaceAndItsRemedy) {
     const std::string servers = "CLIENTIOTIMEOUT=30\nVELARTO_SERVER=", next = "CLIENTIOTIMEOUT=30\n\n";
+    const std::string host(254, 'h');
     const struct {
         std::string line;     // in place of line 6
         std::string finding;  // its place, and how it begins
@@ -71,6 +72,10 @@ TEST_F(Config, CheckTellsTheMistakeItsPlaceAndItsRemedy) {
         {"CLIENTIOTIMEOUT=30\nClientIOTimeout=20", "7:1: warning: 'ClientIOTimeout' is there already",
          "on line 6"},
         {servers + "h,1:g", "7:20: error: server 'g' can never be reached: 1 field", "HOST,PORT"},
+        {servers + host + ",1",
+         "7:16: error: server '" + host +
+             ",1' can never be reached: the host has 254 characters; at most 253",
+         "HOST,PORT"},
         {servers + "s1,h,1", "7:16: warning: id 's1' has not 4 characters", "4 letters"},
         {servers + "h,1\nFORCE_SERVER_ARG_NAME=srv", "8:1: warning: no server has an id", "ID,HOST,PORT"},
         {next + "[Shop]\nVELARTO_SERVER=h,1\n", "8:2: warning: section [Shop] is there already", "on line 5"},

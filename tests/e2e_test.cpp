@@ -6,6 +6,7 @@
 #include <map>
 
 #include "client/QuilClientError.h"
+#include "protocol/ServerSelection.h"
 #include "support/Gateway.h"
 
 namespace {
@@ -268,6 +269,25 @@ TEST_F(Gateway, ForcedServerHasNoSubstituteAndAnNphPageHasAStatusLine) {
     EXPECT_TRUE(live.visits().empty());
 }
 
+// As the library does, whatever random() the gateway's C library has. The page names the server tried last.
+TEST_F(Gateway, ServersAreTriedInTheOrderOfTheSecond) {
+    std::string list = ",0";
+    for (int i = 1; i < 50; ++i)
+        list += ":," + std::to_string(i);
+    configure(list);
+    Stanza section("");
+    section.addValue("VELARTO_SERVER", list.c_str());
+    const ServerList servers(section);
+    CText last;
+    Outcome outcome;
+    for (std::time_t second = 0; second != std::time(nullptr);) {
+        second = std::time(nullptr);
+        servers.getEntry((ServerSelection(servers, {}).end() - 1)->entry, last);
+        outcome = run();
+    }
+    expectPage(outcome, 602, "Tried connecting to Velarto Server for client shop on "s + last.GetTextEx());
+}
+
 // Whatever is wrong with the others, the good one is found. The port is taken modulo 65536; the route names
 // the one really connected to. Of the file only the older form is changed.
 TEST_F(Gateway, TheServerThatListensIsFoundInAnyForm) {
@@ -276,7 +296,7 @@ TEST_F(Gateway, TheServerThatListensIsFoundInAnyForm) {
     const std::string down = std::to_string(dead.port()), up = std::to_string(server.port());
     const std::string good = ":localhost," + std::to_string(server.port() + 65536);
     const std::string list = "VELARTO_SERVER=127.0.0.1," + down + ":127.0.0.1," + up + "\n";
-    const std::string older = "VELARTO_HOST=127.0.0.1\nVELARTO_PORT=" + down + ":" + up + "\n";
+    const std::string older = "VELARTO_HOST=127.0.0.1\nVELARTO_PORT=" + down + "::" + up + ":\n";
     const Texts sections[] = {
         {"VELARTO_SERVER=127.0.0.1,x:,,:a..b,80:" + std::string(3000, ',') + good + "\n"},
         {"VELARTO_SERVER=127.0.0.1:" + down + ",localhost:" + up + "\n"},

@@ -1,10 +1,12 @@
 // Which servers a client tries, in which order, and the cookies that tell what was chosen.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <ctime>
 #include <set>
 #include <string>
 
+#include "Server/General/AdditiveRandom.h"
 #include "protocol/QuilClient.h"
 #include "support/FakeTransport.h"
 
@@ -18,12 +20,12 @@ extern "C" std::time_t time(std::time_t*) noexcept {
 namespace {
 
 // Writes down which servers are tried and reaches those it is told to. A server's name is the first character
-// of its host.
+// of its host; "-" without one.
 struct Recorder : support::FakeTransport<QuilClient> {
     std::string up, tried;
 
     bool connectToServer(const char* host, const char* port) override {
-        tried += *host;
+        tried += *host != 0 ? *host : '-';
         if (up.find(*host) == std::string::npos || *port == 0) return false;
         setServer(host, port, 0x7F000001, 0xABCD);
         return true;
@@ -38,6 +40,7 @@ struct Recorder : support::FakeTransport<QuilClient> {
 };
 
 const std::string kTwo = "s001,a,1:s002,10.0.0.2,18155", kThree = kTwo + ":s003,c,3";
+const std::string kHost(253, 'c'), kTooLong = "s001,c" + kHost + ",3", kTooMany = "s001,c,3,3";
 const std::string kRef = "_UserReference=", kRest(24, '-');  // nobody looks at the rest of a reference
 const std::string kS002 = "S002" + kRest, kS009 = "s009" + kRest, kAddress = "0A00000246eb" + kRest;
 
@@ -50,9 +53,14 @@ const struct {
 } kSelections[] = {
     {"one server", "a,1", "srv=s002", kAddress, "", "a", "a", ""},
     {"by unknown SID", "x,1:x,1", "", kS009, "", "", "xx", nullptr},
-    {"a long host, a blank", "s001," + std::string(31, 'c') + ", 3", "", "", "", "c", "c", ""},
+    {"a long host, a blank", "s001," + kHost + ", 3", "", "", "", "c", "c", ""},
+    {"too long a host", kTooLong, "", "", "", "c", "-", nullptr},
     {"forced", kThree, "a=1&srv=s002", kS009, "", "1", "1", ""},
     {"forced, down: no other", kThree, "srv=s001", kS002, "", "1", "a", nullptr},
+    {"forced, too long: no other", kTooLong + ":" + kTwo, "srv=s001", "", "", "a1", "-", nullptr},
+    {"forced, too many fields: no other", kTooMany + ":" + kTwo, "srv=s001", "", "", "a1", "-", nullptr},
+    {"by SID, too many fields: none has it", kTooMany + ":b,1", "", "s001" + kRest, "", "b", "b",
+     "7F0000010001"},
     {"by SID, both down: any but the last", kTwo + ":s002,c,3", "", kS002, "", "a", "1c1a", "s002"},
     {"by address", "s003,c,3:" + kTwo, "", kAddress, "", "a1c", "1", "0A00000246EB"},
     {"by address, down: the other", kTwo, "", kAddress, "", "a", "1a", "7F0000010001"},
@@ -80,14 +88,35 @@ TEST(ServerSelection, TriesServers) {
 
 TEST(ServerSelection, SpreadsOverAllServersAndTriesEachOnce) {
     std::set<std::string> orders;
+    srandom(1);
+    const long first = random();
+    srandom(1);
     for (now = 0; now < 100; ++now) {
-        srandom(1);  // as any process begins
         TQuilRequest request;
         Recorder client;
         EXPECT_FALSE(client.choose(kThree, request));
         orders.insert(client.tried);
     }
     EXPECT_EQ(orders, (std::set<std::string>{"1ac", "1ca", "a1c", "ac1", "c1a", "ca1"}));
+    EXPECT_EQ(random(), first) << "the process's own sequence";
+}
+
+TEST(ServerSelection, TakesTheNumbersOfTheGnuCLibrary) {
+    for (const unsigned seed : {0u, 1u, 1700000000u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
+        AdditiveRandom numbers(seed);
+        srandom(seed);
+        for (int i = 0; i < 100; ++i)
+            ASSERT_EQ(numbers.next(), random()) << seed;
+    }
+}
+
+TEST(ServerEntry, FitsInFieldsOf32Bytes) {
+    const std::string host(31, 'h');
+    char sid[32], name[32], port[32];
+    parse_zorbi_server_param(("s," + host + ", 1 ").c_str(), sid, name, port);
+    EXPECT_EQ(std::string(sid) + name + port, "s" + host + "1");
+    parse_zorbi_server_param(("s,h" + host + ",1").c_str(), sid, name, port);
+    EXPECT_EQ(std::string(sid) + name + port, "");
 }
 
 }  // namespace

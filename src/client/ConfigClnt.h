@@ -16,16 +16,12 @@ enum ClientConfigResult {
 
 constexpr char kDefaultIniFile[] = "clients.ini";
 constexpr char kDirectoryStanza[] = "Velarto Client Definitions";  // lists the clients' sections
-constexpr char kDefaultServer[] = "127.0.0.1,18155";  // of a section that is added
+constexpr char kDefaultServer[] = "127.0.0.1,18155";               // of a section that is added
 
 // Parses the file and finds the client's section, which the file keeps owning. A missing section is added
 // with a server on this machine, and one of the older form (VELARTO_HOST, VELARTO_PORT) gets its server list;
 // both are written back.
 ClientConfigResult ProcessClientConfig(ConfigFile* file, const CText& clientName, Stanza*& stanza);
-
-// The server list that the section means, whatever form it is written in; the section stays as it is. Empty
-// when it has none. Returns list.
-CText& ServerListOf(Stanza& stanza, CText& list);
 
 // The section's CLIENTIOTIMEOUT in milliseconds, 0 without one; what would not fit waits as long as can be
 // counted.

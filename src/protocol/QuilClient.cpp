@@ -1,19 +1,24 @@
-// The client itself, the conversation with the server and the file service. Server selection:
-// ServerSelection.cpp.
 #include "protocol/QuilClient.h"
 
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "Server/General/FirstInPlace.h"
 #include "Server/General/FixedText.h"
+#include "config/ClientKeys.h"
 #include "protocol/FileContent.h"
 
 namespace {
 
 constexpr std::uint32_t kScratchMin = 5120;
 constexpr std::uint32_t kScratchMax = 32767;
+constexpr std::uint32_t kSIDLength = 4;
+constexpr std::uint32_t kUserRefWithSID = 28;
+constexpr std::uint32_t kUserRefWithAddress = 36;
 
 // Modification time in seconds since 1970, 0 when there is no such file.
 std::uint32_t fileTime(const CText& path) {
@@ -22,7 +27,26 @@ std::uint32_t fileTime(const CText& path) {
     return static_cast<std::uint32_t>(status.st_mtime);
 }
 
+long hexNumber(const char* digits, std::size_t count) {
+    char text[8] = {};
+    std::memcpy(text, digits, std::min(count, sizeof text - 1));
+    return std::strtol(text, nullptr, 16);
+}
+
+bool isUserRef(const CText& text) {
+    return text.Length() == kUserRefWithSID || text.Length() == kUserRefWithAddress;
+}
+
 }  // namespace
+
+void parse_zorbi_server_param(const char* entry, char* sid, char* host, char* port) {
+    constexpr std::size_t kFieldSize = 32;
+    const ServerEntry parts(entry);
+    const bool fits = parts.isTakenApart() && std::strlen(parts.host()) < kFieldSize;
+    std::strcpy(sid, fits ? parts.sid() : "");
+    std::strcpy(host, fits ? parts.host() : "");
+    std::strcpy(port, fits ? parts.port() : "");
+}
 
 QuilClient::QuilClient() = default;
 
@@ -37,6 +61,149 @@ __attribute__((no_sanitize("vptr"))) QuilClient* QuilClient::CastHandleToQuilCli
     auto* client = static_cast<QuilClient*>(handle);
     return client != nullptr && client->handleTag_.holds() ? client : nullptr;
 }
+
+// ---- server selection ----
+
+bool QuilClient::ConnectToQuilServer(TQuilRequest* request, Stanza* clientSection, const char* clientName,
+                                     bool /*oneShotClient*/) {
+    if (clientSection == nullptr) return false;
+    // With a text cut for want of memory the choice may have been another server, or the client's name
+    // another one.
+    const MemoryWatch memory;
+    setClientName(clientName);
+    return connectToChosenServer(request, *clientSection) && !memory.ranOut();
+}
+
+bool QuilClient::connectToChosenServer(const TQuilRequest* request, Stanza& clientSection) {
+    const ServerList servers(clientSection);
+    serverEntry_ = servers.text();
+    if (request == nullptr || servers.size() == 1)
+        return attempt(ServerChoice::kOnly, ServerEntry(serverEntry_.GetTextEx()));
+
+    ServerWishes wishes;
+    readWishes(*request, clientSection, wishes);
+    addRouteCookie_ = wishes.forcedSid.IsEmpty();
+    for (const auto& [entry, choice] : ServerSelection(servers, wishes)) {
+        servers.getEntry(entry, serverEntry_);
+        if (choice == ServerChoice::kRandom && serverEntry_.IsEmpty()) continue;
+        const ServerEntry server(serverEntry_.GetTextEx());
+        if (choice == ServerChoice::kUsers) setSID(wishes.usersSid.IsEmpty() ? "" : server.sid());
+        if (attempt(choice, server)) return true;
+    }
+    return false;
+}
+
+bool QuilClient::attempt(ServerChoice choice, const ServerEntry& entry) {
+    choice_ = choice;
+    return connectToServer(entry.host(), entry.port());
+}
+
+// A forced server, or the user's: whoever forces a server wants that one.
+void QuilClient::readWishes(const TQuilRequest& request, Stanza& clientSection, ServerWishes& wishes) {
+    CText argumentName;
+    if (clientSection.getValue(key::FORCE_SERVER_ARG_NAME.name, argumentName)) {
+        setSIDFromQueryString(request.GetParamAttribute(QUIL_PARAM_QUERY_STRING)->value(), argumentName);
+        wishes.forcedSid = sid_;
+        if (!wishes.forcedSid.IsEmpty()) return;
+    }
+    CText ip, port;
+    if (setUserRef(&request) && processUserRef(wishes.usersSid, ip, port) && !ip.IsEmpty())
+        wishes.usersAddress.Format("%s,%s", ip.GetTextEx(), port.GetTextEx());
+}
+
+bool QuilClient::connectToServer(const char* entry) {
+    const ServerEntry server(entry);
+    return connectToServer(server.host(), server.port());
+}
+
+void QuilClient::setClientName(const char* name) {
+    clientName_ = name;
+}
+
+void QuilClient::setSID(const char* text) {
+    if (std::strlen(text) < sizeof sid_) std::strcpy(sid_, text);
+}
+
+void QuilClient::resetSID() {
+    sid_[0] = 0;
+}
+
+void QuilClient::setSIDFromQueryString(const CText& query, const CText& argumentName) {
+    CText value;
+    ScanCookie(query, argumentName, value, '&');
+    if (!value.IsEmpty()) setSID(value.GetTextEx());
+}
+
+bool QuilClient::setUserRef(const TQuilRequest* request) {
+    if (request == nullptr) return false;
+    CText value;
+    ScanCookie(request->GetParamAttribute(QUIL_PARAM_HTTP_COOKIE)->value(), "Velarto_UserReference", value,
+               ';');
+    if (!isUserRef(value)) {
+        ScanCookie(request->GetParamAttribute(QUIL_PARAM_QUERY_STRING)->value(), "_UserReference", value,
+                   '&');
+    }
+    if (!isUserRef(value)) {
+        const CData& body = request->postArgs();
+        ScanCookie(reinterpret_cast<const char*>(body.GetBuffer()), body.GetDataSize(), "_UserReference",
+                   value, '&');
+    }
+    if (!isUserRef(value)) return false;
+    std::strcpy(userRef_, value.GetTextEx());
+    return true;
+}
+
+bool QuilClient::processUserRef(CText& sid, CText& ip, CText& port) const {
+    switch (std::strlen(userRef_)) {
+        case kUserRefWithSID:
+            sid = CText(userRef_, kSIDLength);
+            return true;
+        case kUserRefWithAddress: {
+            const auto octet = [this](int i) {
+                return static_cast<unsigned>(hexNumber(userRef_ + 2 * i, 2));
+            };
+            ip.Format("%u.%u.%u.%u", octet(0), octet(1), octet(2), octet(3));
+            port.Format("%u", static_cast<unsigned>(hexNumber(userRef_ + 8, 4)));
+            return true;
+        }
+        default:
+            return false;
+    }
+}
+
+CText& QuilClient::AddVelartoCookieWithIP(const CText& cookies, CText& out) {
+    out = cookies;
+    if (!out.IsEmpty()) out += "; ";
+    out += "VelartoClient=";
+    out += clientName_;
+    if (addRouteCookie_) {
+        out += "; Velarto_CGIIP=";
+        appendRoute(out);
+    }
+    return out;
+}
+
+// The SID, or address and port in hexadecimal: as configured where the texts can be read so, else as
+// connected.
+void QuilClient::appendRoute(CText& out) const {
+    if (std::strlen(sid_) == kSIDLength) {
+        out += sid_;
+        return;
+    }
+    unsigned octet[4];
+    unsigned port = 0;
+    const bool isQuad =
+        std::sscanf(serverIP_, "%u.%u.%u.%u", &octet[0], &octet[1], &octet[2], &octet[3]) == 4 &&
+        std::all_of(octet, octet + 4, [](unsigned o) { return o <= 255; });
+    if (!isQuad) {
+        for (int i = 0; i < 4; ++i)
+            octet[i] = connectedAddress_ >> (24 - 8 * i) & 0xFF;
+    }
+    if (std::sscanf(serverPort_, "%u", &port) != 1 || port > 0xFFFF) port = connectedPort_;
+    out.AppendFormat("%02X%02X%02X%02X%04X", octet[0], octet[1], octet[2], octet[3], port);
+}
+
+// ---- messages ----
 
 bool QuilClient::SendQuilRequest(TQuilRequest* request) {
     if (request == nullptr) return false;

@@ -12,14 +12,13 @@
 #include "config/Stanza.h"
 #include "protocol/QuilRequest.h"
 #include "protocol/QuilTypes.h"
+#include "protocol/ServerSelection.h"
 #include "wire/DripClient.h"
 
 // Splits a server entry, "host,port" or "sid,host,port", into three fields of 32 bytes each, NUL-terminated.
-// Anything else, a field of more than 31 characters included, leaves all three empty.
+// Anything else, a field of more than 31 characters included, leaves all three empty. ServerEntry takes longer
+// hosts.
 void parse_zorbi_server_param(const char* entry, char* sid, char* host, char* port);
-
-// Which way the server tried last was chosen.
-enum class ServerChoice { kNone, kOnly, kForced, kUsers, kRandom };
 
 // One request a client: connect, send, dispatch, in this order. Operations report failure by a false result;
 // afterwards the connection is of no use. Threads: one at a time. ConnectToQuilServer reads the client's
@@ -43,9 +42,9 @@ class QuilClient : public DripClient {
     // Connects to one server; on success the server's address and port are recorded with setServer().
     virtual bool connectToServer(const char* host, const char* port) = 0;
 
-    // Chooses a server from the section's VELARTO_SERVER list and connects: the only one; else the one that
-    // the query string forces; else the one that the user reference points at; else a random one, going on to
-    // the others when it fails. False when none could be reached, or without a section.
+    // Chooses a server from the section's list and connects: the only one; else the one that the query string
+    // forces; else the one that the user reference points at; else a random one, going on to the others when
+    // it fails. False when none could be reached, or without a section.
     virtual bool ConnectToQuilServer(TQuilRequest* request, Stanza* clientSection, const char* clientName,
                                      bool oneShotClient);
 
@@ -88,7 +87,7 @@ class QuilClient : public DripClient {
     // The scratch buffer, at least 5120 bytes, cut back to 32767 unless more is asked for.
     CData& GetScratchBuffer(std::uint32_t size);
 
-    ServerChoice choice() const { return choice_; }
+    ServerChoice choice() const { return choice_; }            // of the server tried last
     const CText& serverEntry() const { return serverEntry_; }  // the whole list, or the element taken up last
     const char* sid() const { return sid_; }
     const char* serverIP() const { return serverIP_; }
@@ -103,10 +102,8 @@ class QuilClient : public DripClient {
 
   private:
     bool connectToChosenServer(const TQuilRequest* request, Stanza& clientSection);
-    bool connectToForcedServer(const Attribute& servers, std::uint32_t n);
-    bool connectToUsersServer(const TQuilRequest* request, const Attribute& servers, std::uint32_t n,
-                              std::uint32_t& lastFailed);
-    bool connectToRandomServer(const Attribute& servers, std::uint32_t n, std::uint32_t lastFailed);
+    bool attempt(ServerChoice choice, const ServerEntry& entry);
+    void readWishes(const TQuilRequest& request, Stanza& clientSection, ServerWishes& wishes);
     void appendRoute(CText& out) const;
 
     ValidityTag<4212> handleTag_;
