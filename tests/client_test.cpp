@@ -80,10 +80,13 @@ TEST_F(Client, RefusesHandlesOfNothingThatLives) {
     alignas(TQuilRequest) static unsigned char oldRequest[sizeof(TQuilRequest)];
     static_cast<QuilClient*>(new (oldConnection) SocCGIQuilClient)->~QuilClient();
     (new (oldRequest) TQuilRequest)->~TQuilRequest();
+    void* const nowhere = reinterpret_cast<void*>(16);
+    const std::pair<void*, void*> dead[] = {
+        {nullptr, nullptr}, {oldConnection, oldRequest}, {nowhere, nowhere}, {request_, connection_}};
     const auto see = [](ve_hclient_t*, TQUILReqType, const char*, std::uint32_t, void*) { return true; };
-    for (const bool destroyed : {false, true}) {
-        auto* client = reinterpret_cast<ve_hclient_t*>(destroyed ? oldConnection : nullptr);
-        auto* request = reinterpret_cast<ve_hrequest_t*>(destroyed ? oldRequest : nullptr);
+    for (const auto& [noConnection, noRequest] : dead) {
+        auto* client = static_cast<ve_hclient_t*>(noConnection);
+        auto* request = static_cast<ve_hrequest_t*>(noRequest);
         EXPECT_FALSE(VeClientDestroyConnection(client) || VeClientFreeRequest(client, request_) ||
                      VeClientConnectToServer(client, request_) || VeClientSendRequest(client, request_) ||
                      VeClientDispatchRequests(client, see, nullptr) || VeClientAllocRequest(client) ||

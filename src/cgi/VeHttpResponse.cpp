@@ -6,7 +6,7 @@
 
 #include "Server/Common_Classes/UData.h"
 #include "Server/Common_Classes/UText.h"
-#include "Server/General/ValidityTag.h"
+#include "platform/ValidityTag.h"
 
 namespace {
 
@@ -19,7 +19,7 @@ struct THTTPHeaderField {
 };
 
 struct THTTPResponse {
-    ValidityTag<84> marker;  // first, so that any pointer can be looked at
+    ValidityTag<84> marker{this};
     std::int32_t statusCode = 500;
     CText reasonPhrase;
     const char* firstHeader = nullptr;
@@ -130,7 +130,7 @@ void* VeHttpParseResponse(const char* text, bool parseHeaderFields) {
 }
 
 bool IsValidResponsePtr(const void* response) {
-    return response != nullptr && static_cast<const THTTPResponse*>(response)->marker.holds();
+    return ValidityTag<84>::isOn(response);
 }
 
 const char* VeHttpFirstResponseHeader(void* pointer) {

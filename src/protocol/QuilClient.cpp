@@ -56,10 +56,8 @@ QuilClient::~QuilClient() {
     handleTag_.revoke();
 }
 
-// Until the tag has been seen, the handle need not be a client's at all.
-__attribute__((no_sanitize("vptr"))) QuilClient* QuilClient::CastHandleToQuilClient(void* handle) {
-    auto* client = static_cast<QuilClient*>(handle);
-    return client != nullptr && client->handleTag_.holds() ? client : nullptr;
+QuilClient* QuilClient::CastHandleToQuilClient(void* handle) {
+    return HandleTag::isOn(handle) ? static_cast<QuilClient*>(handle) : nullptr;
 }
 
 // ---- server selection ----

@@ -7,9 +7,9 @@
 
 #include "Server/Common_Classes/UData.h"
 #include "Server/Common_Classes/UText.h"
-#include "Server/General/ValidityTag.h"
 #include "config/Attribute.h"
 #include "config/Stanza.h"
+#include "platform/ValidityTag.h"
 #include "protocol/QuilRequest.h"
 #include "protocol/QuilTypes.h"
 #include "protocol/ServerSelection.h"
@@ -106,7 +106,8 @@ class QuilClient : public DripClient {
     void readWishes(const TQuilRequest& request, Stanza& clientSection, ServerWishes& wishes);
     void appendRoute(CText& out) const;
 
-    ValidityTag<4212> handleTag_;
+    using HandleTag = ValidityTag<4212>;
+    HandleTag handleTag_{this};
     CData scratch_;
     CText payload_;  // of the message being served; its memory serves every one
     CText clientName_;

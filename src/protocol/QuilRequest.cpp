@@ -93,6 +93,5 @@ void TQuilRequest::SetPostArgs(const unsigned char* data, std::uint32_t size) {
 }
 
 TQuilRequest* TQuilRequest::CastHandleToQuilRequest(void* handle) {
-    auto* request = static_cast<TQuilRequest*>(handle);
-    return request != nullptr && request->handleTag_.holds() ? request : nullptr;
+    return HandleTag::isOn(handle) ? static_cast<TQuilRequest*>(handle) : nullptr;
 }

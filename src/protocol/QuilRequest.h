@@ -5,8 +5,8 @@
 #include <cstdint>
 
 #include "Server/Common_Classes/UData.h"
-#include "Server/General/ValidityTag.h"
 #include "config/Attribute.h"
+#include "platform/ValidityTag.h"
 #include "protocol/QuilTypes.h"
 
 // The parameter's name, null for an id outside 0..24.
@@ -41,7 +41,8 @@ class TQuilRequest {
     static TQuilRequest* CastHandleToQuilRequest(void* handle);
 
   private:
-    ValidityTag<1124> handleTag_;
+    using HandleTag = ValidityTag<1124>;
+    HandleTag handleTag_{this};
     CData postArgs_;
     std::array<Attribute, QUIL_PARAM_NONE> params_;
 };
