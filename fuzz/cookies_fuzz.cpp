@@ -49,12 +49,20 @@ void checkEntry(const std::string& entry) {
     parse_zorbi_server_param(entry.c_str(), sid, host, port);
     assert(stoodIn(entry, sid) && stoodIn(entry, host) && stoodIn(entry, port));
     assert(*host != 0 || *port == 0);  // nothing after an empty field counts
+
+    const ServerEntry longer(entry.c_str());
+    CText fault;
+    assert(longer.describeFault(fault).IsEmpty() == (longer.fault() == EntryFault::kNone));
+    assert(longer.fault() != EntryFault::kNone || (*longer.host() != 0 && *longer.port() != 0));
+    const std::string fields = std::string(longer.host()) + longer.port();
+    assert(*host == 0 || fields == std::string(host) + port);
 }
 
-// The cookies after one of two servers was chosen, which are the same, tell its SID or its address and port.
+// The cookies after one of three servers was chosen, which are the same, tell its SID or its address and port. (Two
+// numbers alone, 1:1, would be one server's host and port.)
 void checkCookies(Input& input) {
     Stanza section("");
-    section.addValue("VELARTO_SERVER", (input.entry + ":" + input.entry).c_str());
+    section.addValue("VELARTO_SERVER", (input.entry + ":" + input.entry + ":" + input.entry).c_str());
     fuzz::Client client;
     const bool connected = client.ConnectToQuilServer(&input.request, &section, input.name.c_str(), true);
     assert(connected == (input.entry.find_first_not_of(':') != std::string::npos));
