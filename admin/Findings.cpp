@@ -10,7 +10,7 @@
 #include "Keys.h"
 #include "client/ConfigClnt.h"
 #include "common/Text.h"
-#include "protocol/FileContent.h"
+#include "platform/FileContent.h"
 
 namespace {
 

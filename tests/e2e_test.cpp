@@ -1,9 +1,12 @@
 // End to end: what the real gateway makes of its name, environment, standard input and configuration, and of
 // what an application server sends.
+#include <fcntl.h>
+
 #include <cstdio>
 #include <filesystem>
 #include <future>
 #include <map>
+#include <regex>
 
 #include "client/QuilClientError.h"
 #include "protocol/ServerSelection.h"
@@ -216,6 +219,7 @@ TEST_F(Gateway, UnusableFileIsToldAndLeft) {
         expectPage(run({}, "", name), 601, "No client name defined");
 }
 
+const std::string kHead = "[Velarto Client Definitions]\nshop=\n\n";
 const std::string kBefore =
     "; by hand\n[Velarto Client Definitions]\nshop=\nAdmin=\n\n[shop]\nb=2\nA=1\n\n[Admin]\nx=y";
 const std::string kAfter =
@@ -248,6 +252,30 @@ TEST_F(Gateway, FirstRunInAReadOnlyFolderNeedsTheRightToWriteTheFile) {
     fs::permissions(clientsFile(), fs::perms(0666));
     runCommand(command);
     EXPECT_EQ(readFile(clientsFile()), kAfter);
+}
+
+// Whether the process waits for a lock on a file.
+bool waitsForALock(pid_t process) {
+    const std::string locks = readFile("/proc/locks");
+    const std::regex waiting("-> POSIX +ADVISORY +WRITE " + std::to_string(process) + " ");
+    return std::regex_search(locks, waiting);
+}
+
+TEST_F(Gateway, FirstRunLeavesASectionThatSomebodyElseHasWrittenMeanwhile) {
+    ScriptedPeer& server = serve(answering(kAnswer));
+    const std::string finished =
+        "; by hand\n" + kHead + "[shop]\nVELARTO_SERVER=" + entry(server.port()) + "\n";
+    writeFile(clientsFile(), kHead);
+    const Descriptor reader(::open(clientsFile().c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(LockOSFile(reader.get(), false));
+    Process gateway(command());
+    while (gateway.running() && !waitsForALock(gateway.pid()))
+        ::usleep(1000);
+    writeFile(folder_ / "finished", finished);
+    fs::rename(folder_ / "finished", clientsFile());
+    UnLockOSFile(reader.get());
+    expectSuccess(finish(gateway), kAnswerOutput);
+    EXPECT_EQ(readFile(clientsFile()), finished);
 }
 
 // ---- the choice of a server ----

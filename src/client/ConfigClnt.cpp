@@ -1,7 +1,6 @@
 #include "client/ConfigClnt.h"
 
 #include <algorithm>
-#include <new>
 
 #include "protocol/ServerList.h"
 
@@ -13,36 +12,24 @@ bool hasServerKey(Stanza& stanza) {
     return !servers.IsEmpty();
 }
 
-// Null when there is no memory for it.
-Stanza* addClientStanza(ConfigFile& file, const CText& clientName) {
-    auto* stanza = new (std::nothrow) Stanza(clientName.GetTextEx());
-    if (stanza == nullptr) return nullptr;
-    stanza->addValue(key::VELARTO_SERVER.name, kDefaultServer);
-    file.addStanza(stanza, true);
-    return stanza;
+// Gives a new section a server on this machine, and one of the older form the list that it stands for. Whether it
+// did; a section that has a list is left.
+bool addServerList(Stanza& stanza, bool isNew) {
+    if (isNew) return stanza.addValue(key::VELARTO_SERVER.name, kDefaultServer);
+    if (hasServerKey(stanza)) return false;
+    const ServerList servers(stanza);
+    return !servers.text().IsEmpty() &&
+           stanza.changeValue(key::VELARTO_SERVER.name, servers.text().GetTextEx());
 }
 
 // Puts into the client's section, in memory and in the file, what it lacks: a new client's section itself, or
-// the server list that an older form stands for.
+// the server list that an older form stands for. Others may have completed it since it was read.
 ClientConfigResult completeSection(ConfigFile& file, const CText& clientName, Stanza*& stanza) {
-    const MemoryWatch memory;
-    if (!file.parseConfigFile()) return CLIENT_CONFIG_NO_FILE;  // whole: the write needs its directory
-    bool changed = false;
+    const bool hasServers = stanza == nullptr || !ServerList(*stanza).text().IsEmpty();
+    if (!hasServers) return CLIENT_CONFIG_NO_SERVER_LIST;
+    if (!file.completeStanzaWithWrite(clientName, addServerList)) return CLIENT_CONFIG_NOT_WRITTEN;
     stanza = file.getStanza(clientName);
-    if (stanza == nullptr) {
-        stanza = addClientStanza(file, clientName);
-        if (stanza == nullptr) return CLIENT_CONFIG_NOT_WRITTEN;
-        changed = true;
-    }
-    if (!hasServerKey(*stanza)) {
-        const ServerList servers(*stanza);
-        if (servers.text().IsEmpty()) return CLIENT_CONFIG_NO_SERVER_LIST;
-        stanza->changeValue(key::VELARTO_SERVER.name, servers.text().GetTextEx());
-        changed = true;
-    }
-    if (!changed) return CLIENT_CONFIG_OK;
-    const bool written = !memory.ranOut() && file.changeStanzaWithWrite(stanza->getStanzaName().GetTextEx());
-    return written ? CLIENT_CONFIG_OK : CLIENT_CONFIG_NOT_WRITTEN;
+    return hasServerKey(*stanza) ? CLIENT_CONFIG_OK : CLIENT_CONFIG_NO_SERVER_LIST;
 }
 
 // Reads the client's section. Another process may be changing the file: one that could not be read is read

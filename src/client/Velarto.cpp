@@ -8,7 +8,7 @@
 #include "client/ConfigClnt.h"
 #include "client/QuilClientError.h"
 #include "platform/memory_impl.h"
-#include "protocol/FileContent.h"
+#include "platform/FileContent.h"
 #include "protocol/SocCGIQuilClient.h"
 
 namespace {

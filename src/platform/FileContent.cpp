@@ -1,4 +1,4 @@
-#include "protocol/FileContent.h"
+#include "platform/FileContent.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -10,7 +10,7 @@
 #include "Server/General/FirstInPlace.h"
 #include "Server/General/FixedText.h"
 #include "config/ClientKeys.h"
-#include "protocol/FileContent.h"
+#include "platform/FileContent.h"
 
 namespace {
 

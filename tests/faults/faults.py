@@ -194,7 +194,10 @@ def is_right_end(usual, call, kind, done):
     answers, out = usual.answers, done.stdout + done.stderr
     if done.returncode == usual.status:
         behind_gap = out[len(os.path.commonprefix([out, answers[0]])) :]
-        return out in answers or answers[0].endswith(behind_gap) and (call, kind) in LOSES_OUTPUT
+        if out in answers or answers[0].endswith(behind_gap) and (call, kind) in LOSES_OUTPUT:
+            return True
+        if usual.status == 0:
+            return False  # else another page of the same code will do, such as that for a lack of memory
     page = ERROR_PAGE.fullmatch(out)
     fits_status = page and int(page[2]) & 0xFF == done.returncode and b"Client Error" not in page[1]
     return fits_status and any(answer.startswith(page[1]) for answer in answers)
