@@ -101,7 +101,8 @@ TEST_F(Gateway, BodyThatIsNotThereEndsInThePage) {
 }
 
 // The standard ones, the second of them leading nowhere, what stood there before, and the connection. The
-// alarm must end a gateway that hangs, whatever the web server did with that signal.
+// alarm must end a gateway that hangs, whatever the web server did with that signal. A crash may not leave
+// the body in a core dump.
 TEST_F(Gateway, HoldsFiveDescriptorsUntilTheAlarmEndsIt) {
     std::promise<void> asked;
     serveAlone([&](Connection& connection) {
@@ -112,11 +113,14 @@ TEST_F(Gateway, HoldsFiveDescriptorsUntilTheAlarmEndsIt) {
     sigset_t blocked, before;
     ::sigfillset(&blocked);
     ::pthread_sigmask(SIG_BLOCK, &blocked, &before);  // of the child, too
-    Process gateway(inShell(command(), "trap '' ALRM PIPE;", ""));
+    Process gateway(inShell(command({}, "secret"), "trap '' ALRM PIPE; ulimit -c unlimited;", ""));
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     EXPECT_EQ(asked.get_future().wait_for(20s), std::future_status::ready);
+    const fs::path process = "/proc/" + std::to_string(gateway.pid());
+    EXPECT_NE(readFile(process / "limits").find("Max core file size        1                    1  "),
+              std::string::npos);
     std::map<std::string, std::string> open;
-    for (const auto& file : fs::directory_iterator("/proc/" + std::to_string(gateway.pid()) + "/fd"))
+    for (const auto& file : fs::directory_iterator(process / "fd"))
         open[file.path().filename()] = fs::read_symlink(file.path());
     EXPECT_EQ(open.size(), 5u) << ::testing::PrintToString(open);
     EXPECT_EQ(open["2"], "/dev/null");

@@ -12,6 +12,7 @@
 #include "Server/General/FixedText.h"
 #include "cgi/VeHttpResponse.h"
 #include "client/QuilClientError.h"
+#include "platform/memory_impl.h"
 #include "platform/osfile_impl.h"
 
 namespace {
@@ -95,6 +96,7 @@ bool readPostArgs(ve_hrequest_t* request, const char* contentLength) {
     if (length == 0) return true;
     if (length < 0 || length > 0xFFFFFFFFLL) return false;
     const auto size = static_cast<std::uint32_t>(length);
+    ForbidCoreDumps();  // a body may be a password
     unsigned char* buffer = VeRequestGetPostArgBuffer(request, size);
     return buffer != nullptr && ReadOSFile(STDIN_FILENO, buffer, size) == length &&
            VeRequestSetPostArgDataSize(request, size);

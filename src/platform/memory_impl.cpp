@@ -1,6 +1,7 @@
 #include "platform/memory_impl.h"
 
 #include <sys/mman.h>
+#include <sys/resource.h>
 
 #include "platform/ErrnoKeeper.h"
 
@@ -13,4 +14,10 @@ void AdviseHugePages(void* block, std::uint32_t size) {
     if (first >= end) return;
     const ErrnoKeeper keeper;
     madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);
+}
+
+// A limit of 0 forbids files only; at 1 Linux also starts no program that would be handed the dump.
+void ForbidCoreDumps() {
+    const rlimit limit{1, 1};
+    setrlimit(RLIMIT_CORE, &limit);
 }
