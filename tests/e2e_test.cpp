@@ -7,6 +7,7 @@
 #include <future>
 #include <map>
 #include <regex>
+#include <tuple>
 
 #include "client/QuilClientError.h"
 #include "protocol/ServerSelection.h"
@@ -204,6 +205,123 @@ TEST_F(Gateway, StalledServerEndsItAtTheTimeOutAndALostOneAtOnce) {
         expectPage(run({}, std::string(20 << 20, 'b')), code,
                    code == 604 ? detail + std::to_string(server.port()) : "");
     }
+}
+
+// ---- failures, told honestly by keys of the section ----
+
+TEST_F(Gateway, StatusOfAnAnswerReachesTheWebServer) {
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {"HTTP/1.0 404 Not Found\r\nA: b\r\n\r\n", "Status: 404 Not Found\r\nA: b\r\n\r\n", "shop"},
+        {"HTTP/1.1 200 \r\n\r\n", "Status: 200 \r\n\r\n", "shop"},
+        {"HTTP/1.0 302 Found\r\nLocation: /x\r\n\r\n", "Status: 302 Found\r\nLocation: /x\r\n\r\n", "shop"},
+        {"HTTP/1.0 200 OK\r\nA: b\r\nlocation: /x\r\n\r\n", "A: b\r\nlocation: /x\r\n\r\n", "shop"},
+        {"HTTP/1.0 200 OK\r\nStatus: 201 Made\r\n\r\n", "Status: 201 Made\r\n\r\n", "shop"},
+        {"HTTP/1.0 404 No\r\n\r\n", "HTTP/1.0 404 No\r\n\r\n", "nph-shop"},
+    };
+    for (const auto& [header, output, name] : cases) {
+        serveAlone({wire::header(header), wire::body("x"), wire::end()}, "HTTPSTATUS=yes\n");
+        expectSuccess(run({}, "", name), output + "x");
+    }
+}
+
+TEST_F(Gateway, StatusOfAFailureReachesTheWebServer) {
+    const DeadPort dead;
+    const struct {
+        std::string line;
+        int code;
+        Script script;  // none: nobody listens
+        Texts variables;
+    } cases[] = {
+        {"400 Bad Request", 603, [](Connection&) {}, {"CONTENT_LENGTH=9"}},
+        {"411 Length Required", 603, [](Connection&) {}, {"HTTP_TRANSFER_ENCODING=chunked"}},
+        {"413 Content Too Large", 603, [](Connection&) {}, {"CONTENT_LENGTH=4294967296"}},
+        {"502 Bad Gateway", 605, [](Connection& c) { c.receiveRequest(), c.closeSending(); }, {}},
+        {"503 Service Unavailable\r\nRetry-After: 10", 602, nullptr, {}},
+        {"504 Gateway Timeout", 605, [](Connection& c) { c.receiveRequest(), c.stall(); }, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        const std::string lines = "HTTPSTATUS=1\nNEEDLENGTH=1\nCLIENTIOTIMEOUT=1\n";
+        c.script ? static_cast<void>(serveAlone(c.script, lines)) : configure(entry(dead.port()), lines);
+        const Outcome plain = run(c.variables), nph = run(c.variables, "", "nph-shop");
+        EXPECT_EQ(plain.out.rfind("Status: " + c.line + "\r\nContent-type: text/html\r\n\r\n<html>", 0), 0u)
+            << plain.out;
+        const std::string begin = "HTTP/1.0 " + c.line.substr(0, c.line.find('\r')) + "\n";
+        EXPECT_EQ(nph.out.rfind(begin, 0), 0u) << nph.out;
+        EXPECT_EQ(plain.exitStatus, c.code & 0xFF);
+        EXPECT_EQ(nph.exitStatus, c.code & 0xFF);
+    }
+}
+
+TEST_F(Gateway, BrokenAnswerIsCutOnceSomethingHasGoneOut) {
+    const std::string page = "Content-type: text/html\r\n\r\n<html>";
+    const std::pair<Texts, std::string> cases[] = {
+        {{}, page}, {{kAnswer[0]}, page}, {{kAnswer[0], kAnswer[1]}, kAnswerOutput}};
+    for (const auto& [messages, output] : cases) {
+        serveAlone(
+            [&](Connection& connection) {
+                connection.receiveRequest();
+                connection.serve(messages);
+                connection.closeSending();
+            },
+            "BROKENANSWER=cut\n");
+        const Outcome outcome = run();
+        EXPECT_EQ(outcome.out.substr(0, output == page ? page.size() : std::string::npos), output);
+        EXPECT_EQ(outcome.exitStatus, 605 & 0xFF);
+    }
+}
+
+TEST_F(Gateway, EndsABrokenAnswerThatCannotBeWritten) {
+    for (const bool cuts : {false, true}) {
+        serveAlone(kAnswer, cuts ? "BROKENANSWER=cut\n" : "");
+        EXPECT_EQ(runCommand(inShell(command(), "", ">/dev/full")).exitStatus, cuts ? 605 & 0xFF : 0);
+    }
+}
+
+TEST_F(Gateway, ErrorPageOfTheOperatorIsFilledIn) {
+    const DeadPort dead;
+    const std::string page = folder_ / "page.html";
+    const std::string fields =
+        "Status: 503 Service Unavailable\r\nRetry-After: 10\r\nContent-type: text/html\r\n\r\n";
+    writeFile(page, "{{CODE}}: {{STATUS}} ({{REQUEST}}) {{OTHER}}");
+    configure(entry(dead.port()), "HTTPSTATUS=yes\nERRORPAGE=" + page + "\n");
+    EXPECT_EQ(run({"UNIQUE_ID=aZ-_@9"}).out, fields + "602: 503 Service Unavailable (aZ-_@9) {{OTHER}}");
+    const std::string made = run({"UNIQUE_ID=<b>"}).out;
+    EXPECT_TRUE(std::regex_search(made, std::regex("\\([0-9a-f]{16}\\)"))) << made;
+    fs::remove(page);
+    const std::string builtIn = run().out;
+    EXPECT_NE(builtIn.find("Tried connecting to Velarto Server"), std::string::npos) << builtIn;
+}
+
+TEST_F(Gateway, FailedHeadOfAnNphProgramHasNoBody) {
+    const DeadPort dead;
+    configure(entry(dead.port()));
+    const std::string head = "HTTP/1.0 500 Internal Server Error\nContent-type: text/html\r\n\r\n";
+    EXPECT_EQ(run({"REQUEST_METHOD=HEAD"}, "", "nph-shop").out, head);
+    EXPECT_NE(run({"REQUEST_METHOD=GET"}, "", "nph-shop").out, head);
+}
+
+// ---- a person in a shell ----
+
+TEST_F(Gateway, TellsAPersonWhatItIsAndARequestNothing) {
+    serveAlone(kAnswer);
+    const std::string before = readFile(clientsFile());
+    const auto runWith = [this](const Texts& arguments, Texts variables) {
+        Command command = this->command(std::move(variables));
+        command.arguments.insert(command.arguments.end(), arguments.begin(), arguments.end());
+        return runCommand(command);
+    };
+    expectSuccess(runWith({"--version"}, {}), "velarto-cgi (Velarto) 5.5.020\n");
+    EXPECT_EQ(runWith({"--help"}, {}).out.rfind("Usage: velarto-cgi", 0), 0u);
+    for (const char* variable : {"REQUEST_METHOD=GET", "GATEWAY_INTERFACE=CGI/1.1"})
+        expectSuccess(runWith({"--version"}, {variable}), kAnswerOutput);
+    expectSuccess(runWith({"--version", "--help"}, {}), kAnswerOutput);
+    EXPECT_EQ(readFile(clientsFile()), before);
+    fs::remove(clientsFile());
+    Command terminal = command();
+    terminal.arguments = {"script", "-qec", "exec " VELARTO_CGI_PATH, "/dev/null"};
+    terminal.program = "/usr/bin/script";
+    EXPECT_EQ(runCommand(terminal).out.rfind("Usage: velarto-cgi", 0), 0u);
 }
 
 // ---- the configuration ----

@@ -3,17 +3,20 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
 #include "Server/General/FixedText.h"
-#include "cgi/VeHttpResponse.h"
+#include "cgi/ByHand.h"
+#include "cgi/NphLines.h"
+#include "cgi/ResponseWriter.h"
 #include "client/QuilClientError.h"
 #include "platform/memory_impl.h"
 #include "platform/osfile_impl.h"
+#include "protocol/QuilClient.h"
 
 namespace {
 
@@ -21,7 +24,7 @@ constexpr unsigned kLongestRun = 300;  // seconds, then the alarm ends the proce
 
 char StanzaName[256];  // the program's base name: the client's name
 
-CData heldHeader;  // of the response, until something follows it: a small page leaves in one write
+ResponseWriter response(STDOUT_FILENO);
 
 // The CGI variable of each parameter that has one, in id order.
 struct ParamVariable {
@@ -53,10 +56,6 @@ constexpr ParamVariable kParamVariables[] = {
     {QUIL_PARAM_HTTP_ACCEPT, "HTTP_ACCEPT"},
     {QUIL_PARAM_SOAPACTION, "SOAPACTION"},
 };
-
-bool isNphMode(const char* name) {
-    return std::strncmp(name, "nph-", 4) == 0;
-}
 
 // The system ends a process that hangs, also under a parent that ignores or blocks the signal.
 void setAlarm() {
@@ -90,108 +89,92 @@ void setStanzaName(const char* programPath) {
     CopyFixedText(StanzaName, slash != nullptr ? slash + 1 : programPath);
 }
 
-bool readPostArgs(ve_hrequest_t* request, const char* contentLength) {
+// False with the status that tells the browser why.
+bool readPostArgs(ve_hrequest_t* request, const char* contentLength, HttpStatus& refusal) {
     // 64 bits wide in every build: a length beyond 32 bits must not turn into a small one.
     const long long length = contentLength != nullptr ? std::strtoll(contentLength, nullptr, 10) : 0;
     if (length == 0) return true;
+    refusal = length > 0xFFFFFFFFLL ? kContentTooLarge : kBadRequest;
     if (length < 0 || length > 0xFFFFFFFFLL) return false;
     const auto size = static_cast<std::uint32_t>(length);
     ForbidCoreDumps();  // a body may be a password
     unsigned char* buffer = VeRequestGetPostArgBuffer(request, size);
-    return buffer != nullptr && ReadOSFile(STDIN_FILENO, buffer, size) == length &&
-           VeRequestSetPostArgDataSize(request, size);
-}
-
-// Passes the bytes on, after what is held, which is then gone. Whether somebody still reads them is not
-// examined.
-void writeOutput(const char* bytes, std::uint32_t length) {
-    iovec parts[] = {{heldHeader.GetBuffer(), heldHeader.GetDataSize()}, {const_cast<char*>(bytes), length}};
-    WriteOSFile(STDOUT_FILENO, parts, 2);
-    heldHeader.Clear();
-}
-
-iovec part(const char* text) {
-    return {const_cast<char*>(text), std::strlen(text)};
-}
-
-// What an "nph-" program begins an error page with, in place of the web server; nothing for any other.
-std::array<iovec, 5> nphLines(const char* name) {
-    if (!isNphMode(name)) return {};
-    const char* protocol = std::getenv("SERVER_PROTOCOL");
-    const char* software = std::getenv("SERVER_SOFTWARE");
-    std::array<iovec, 5> lines = {part(protocol != nullptr ? protocol : "HTTP/1.0"),
-                                  part(" 500 Internal Server Error\n")};
-    if (software != nullptr) {
-        lines[2] = part("Server: ");
-        lines[3] = part(software);
-        lines[4] = part("\n");
+    if (buffer == nullptr) {
+        refusal = kContentTooLarge;
+        return false;
     }
-    return lines;
+    return ReadOSFile(STDIN_FILENO, buffer, size) == length && VeRequestSetPostArgDataSize(request, size);
 }
 
-// In one piece, as any output: the C library's stream would lose what an interrupted or blocked write had.
-void writeErrorPage(std::uint32_t code) {
-    char shortPage[512];
-    const char* page = VeClientGetErrorHtml(nullptr, code);
-    if (*page == 0) {  // there was no memory to put it together
-        std::snprintf(shortPage, sizeof shortPage, VE_ERR_HTML_TEMPLATE, static_cast<int>(code),
-                      "There is not enough memory.", "");
-        page = shortPage;
-    }
-    const std::array<iovec, 5> lines = nphLines(StanzaName);
-    iovec parts[] = {lines[0],  lines[1], lines[2],
-                     lines[3],  lines[4], part("Content-type: text/html\r\n\r\n"),
-                     part(page)};
-    writeOutput(nullptr, 0);
-    WriteOSFile(STDOUT_FILENO, parts, static_cast<int>(std::size(parts)));
-}
-
-// Where new finds no memory. Blocks of bytes, which may be large, tell their failures; this is about the
-// small objects around them, whose lack would stop the process by an assertion, or without a page.
+// The new-handler. Blocks of bytes, which may be large, tell their failures; this is about the small objects
+// around them, whose lack would stop the process by an assertion, or without a page.
 [[noreturn]] void endWithoutMemory() {
-    writeErrorPage(CLIENT_ERR_INTERNAL);
+    response.writeErrorPage(CLIENT_ERR_INTERNAL, kInternalServerError);
     _exit(CLIENT_ERR_INTERNAL);
+}
+
+// Whether the last thing that happened to the connection was a wait that took too long.
+bool hasTimedOut(ve_hclient_t* connection) {
+    return QuilClient::CastHandleToQuilClient(connection)->transportError() == ETIMEDOUT;
+}
+
+// Whether the request has a body whose length the web server does not tell.
+bool lacksLength() {
+    return std::getenv("HTTP_TRANSFER_ENCODING") != nullptr && std::getenv("CONTENT_LENGTH") == nullptr;
 }
 
 // One request from the environment set-up to the end of the response; 0 or the client error code.
 int serveRequest(const char* programPath) {
     if (!VeClientInitEnvironment(true, nullptr, StanzaName)) {
-        writeErrorPage(CLIENT_ERR_ENVIRONMENT);
+        response.writeErrorPage(CLIENT_ERR_ENVIRONMENT, kInternalServerError);
         return CLIENT_ERR_ENVIRONMENT;
     }
+    const ResponseSettings settings = ResponseSettings::load();
+    response.setSettings(settings);
+
     ve_hrequest_t* request = nullptr;
     ve_hclient_t* connection = VeClientCreateConnection(0);
-    const auto fail = [&](QuilClientErrorCode code) {
-        writeErrorPage(code);
+    const auto fail = [&](QuilClientErrorCode code, HttpStatus status) {
+        response.writeErrorPage(code, status);
         VeClientFreeRequest(connection, request);
         VeClientDestroyConnection(connection);
         return static_cast<int>(code);
     };
+    const auto failInTalk = [&](QuilClientErrorCode code) {
+        return fail(code, hasTimedOut(connection) ? kGatewayTimeout : kBadGateway);
+    };
 
-    if (connection == nullptr) return fail(CLIENT_ERR_CONNECTION);
-    request = PrepareVelartoRequest(connection, programPath);
-    if (request == nullptr) return fail(CLIENT_ERR_PREPARE);
-    if (!VeClientConnectToServer(connection, request)) return fail(CLIENT_ERR_CONNECT);
-    if (!VeClientSendRequest(connection, request)) return fail(CLIENT_ERR_SEND);
+    if (connection == nullptr) return fail(CLIENT_ERR_CONNECTION, kInternalServerError);
+    if (settings.needsLength && lacksLength()) return fail(CLIENT_ERR_PREPARE, kLengthRequired);
+    HttpStatus refusal = kInternalServerError;
+    request = PrepareVelartoRequest(connection, programPath, &refusal);
+    if (request == nullptr) return fail(CLIENT_ERR_PREPARE, refusal);
+    if (!VeClientConnectToServer(connection, request)) return fail(CLIENT_ERR_CONNECT, kServiceUnavailable);
+    if (!VeClientSendRequest(connection, request)) return failInTalk(CLIENT_ERR_SEND);
     VeClientFreeRequest(connection, request);
     request = nullptr;
-    if (!VeClientDispatchRequests(connection, VeClientDispatchCB, nullptr)) return fail(CLIENT_ERR_DISPATCH);
+    if (!VeClientDispatchRequests(connection, VeClientDispatchCB, nullptr))
+        return failInTalk(CLIENT_ERR_DISPATCH);
     return 0;  // the connection ends with the process
 }
 
 }  // namespace
 
 void write_nph(std::FILE* out, const char* name) {
-    for (const iovec& line : nphLines(name))
-        std::fwrite(line.iov_base, 1, line.iov_len, out);
+    if (!IsNphName(name)) return;
+    const NphLines nph(kInternalServerError);
+    for (int i = 0; i < NphLines::kParts; ++i)
+        std::fwrite(nph.parts()[i].iov_base, 1, nph.parts()[i].iov_len, out);
 }
 
-ve_hrequest_t* PrepareVelartoRequest(ve_hclient_t* connection, const char* commandLine) {
+ve_hrequest_t* PrepareVelartoRequest(ve_hclient_t* connection, const char* commandLine, HttpStatus* refusal) {
     ve_hrequest_t* request = VeClientAllocRequest(connection);
     if (request == nullptr) return nullptr;
     const MemoryWatch memory;
     const char* contentLength = std::getenv("CONTENT_LENGTH");
-    if (!readPostArgs(request, contentLength)) {
+    HttpStatus status = kInternalServerError;
+    if (!readPostArgs(request, contentLength, status)) {
+        if (refusal != nullptr) *refusal = status;
         VeClientFreeRequest(connection, request);
         return nullptr;
     }
@@ -211,38 +194,25 @@ ve_hrequest_t* PrepareVelartoRequest(ve_hclient_t* connection, const char* comma
 bool VeClientDispatchCB(ve_hclient_t* /*connection*/, TQUILReqType type, const char* data,
                         std::uint32_t length, void* /*user*/) {
     switch (type) {
-        case QUIL_HTTP_HEADER: {
-            void* response = VeHttpParseResponse(data, false);
-            if (response == nullptr) return false;
-            if (!isNphMode(StanzaName)) {  // the web server makes its own status line
-                data = VeHttpFirstResponseHeader(response);
-                length = static_cast<std::uint32_t>(std::strlen(data));
-            }
-            VeHttpReleaseResponse(response);
-            writeOutput(nullptr, 0);
-            if (heldHeader.SetEqualTo(data, length, 0) != length) {
-                heldHeader.Clear();
-                writeOutput(data, length);
-            }
-            return true;
-        }
+        case QUIL_HTTP_HEADER:
+            return response.writeHeader(data, length);
         case QUIL_BODY_DATA:
-            writeOutput(data, length);
-            return true;
+            return response.writeBody(data, length);
         case QUIL_END:
-            writeOutput(nullptr, 0);
-            return true;
+            return response.finish();
         default:
             return true;
     }
 }
 
 int main(int argc, char** argv) {
+    if (AnswerByHand(argc, argv)) return 0;
     std::set_new_handler(endWithoutMemory);
     setAlarm();
     closeStandardError();
     const char* programPath = argc > 0 ? argv[0] : "";
     setStanzaName(programPath);
+    response.setNph(IsNphName(StanzaName));
     const int code = serveRequest(programPath);
 
     // The end of the process closes standard output in the same breath as it ends: a web server that sees the

@@ -45,6 +45,12 @@ inline constexpr ClientKey FORCE_SERVER_ARG_NAME{"FORCE_SERVER_ARG_NAME", KeyKin
                                                  "query argument that selects a server by its id"};
 inline constexpr ClientKey PARSEFILEPATHS{"PARSEFILEPATHS", KeyKind::kTruth, "no",
                                           "read \\ as / in the paths of files that the server asks for"};
+inline constexpr ClientKey HTTPSTATUS{"HTTPSTATUS", KeyKind::kTruth, "no",
+                                      "tell the web server the status of answers and of failures"};
+inline constexpr ClientKey ERRORPAGE{"ERRORPAGE", KeyKind::kReadableFile, "",
+                                     "file that visitors see of a failure"};
+inline constexpr ClientKey NEEDLENGTH{"NEEDLENGTH", KeyKind::kTruth, "no",
+                                      "refuse a body whose length is not told"};
 inline constexpr ClientKey BROKENANSWER{
     "BROKENANSWER", KeyKind::kWord, "", "what becomes of an answer that breaks off", "", 0, 0, "cut"};
 inline constexpr ClientKey DOCUMENTPATH{"DOCUMENTPATH", KeyKind::kText, "",
@@ -62,9 +68,10 @@ inline constexpr ClientKey REPORTCLIENTERROR{"REPORTCLIENTERROR", KeyKind::kTrut
 
 // All of them, in the order in which people are shown them.
 inline constexpr const ClientKey* kClientKeys[] = {
-    &key::VELARTO_SERVER,        &key::VELARTO_HOST,   &key::VELARTO_PORT, &key::CLIENTIOTIMEOUT,
-    &key::FORCE_SERVER_ARG_NAME, &key::PARSEFILEPATHS, &key::BROKENANSWER, &key::DOCUMENTPATH,
-    &key::REGISTER_EXTNS,        &key::SENDFULLHEADER, &key::ERROR_HTML,   &key::REPORTCLIENTERROR,
+    &key::VELARTO_SERVER,        &key::VELARTO_HOST,   &key::VELARTO_PORT,      &key::CLIENTIOTIMEOUT,
+    &key::FORCE_SERVER_ARG_NAME, &key::PARSEFILEPATHS, &key::HTTPSTATUS,        &key::ERRORPAGE,
+    &key::BROKENANSWER,          &key::NEEDLENGTH,     &key::DOCUMENTPATH,      &key::REGISTER_EXTNS,
+    &key::SENDFULLHEADER,        &key::ERROR_HTML,     &key::REPORTCLIENTERROR,
 };
 
 // A truth value is true when it begins with one of these.

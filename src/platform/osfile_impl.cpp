@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "platform/ErrnoKeeper.h"
 
@@ -77,6 +78,10 @@ bool WriteOSFile(int fd, iovec* parts, int count) {
         }
     }
     return true;
+}
+
+iovec TextPart(const char* text) {
+    return {const_cast<char*>(text), std::strlen(text)};
 }
 
 void Descriptor::reset(int fd) {

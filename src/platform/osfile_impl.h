@@ -25,6 +25,9 @@ std::int64_t ReadOSFile(int fd, void* buffer, std::uint32_t size);
 // is non-blocking and full. False with errno when a write fails. The parts are used up.
 bool WriteOSFile(int fd, iovec* parts, int count);
 
+// The characters of a text, to be written. The text stays the caller's.
+iovec TextPart(const char* text);
+
 // An open descriptor, closed at the end of its life. Closing leaves errno alone.
 class Descriptor {
   public:

@@ -56,6 +56,10 @@ class QuilClient : public DripClient {
     // acknowledged before the callback, which may be null, sees them.
     virtual bool DispatchQuilRequests(DispatchCallback callback, void* user, bool parseFilePaths);
 
+    // Why the transport's last operation failed, an errno value (ETIMEDOUT after a wait that took too long); 0 when it
+    // did not fail, or the transport does not tell.
+    virtual int transportError() const { return 0; }
+
     // The client behind an opaque handle; null when the handle is null or no live client.
     static QuilClient* CastHandleToQuilClient(void* handle);
 

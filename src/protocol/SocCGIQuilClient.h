@@ -29,6 +29,8 @@ class SocCGIQuilClient : public QuilClient {
     bool connectToServer(const char* host, const char* port) override;
     using QuilClient::connectToServer;
 
+    int transportError() const override { return socket_.GetLastError(); }
+
   private:
     // A refill of the stream asks for 4 KB. Once one was filled to the brim, a receive takes what has come,
     // up to this, and serves the refills that follow too: a body piece of the usual size costs one system

@@ -1,0 +1,121 @@
+#include "cgi/ResponseWriter.h"
+
+#include <strings.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "cgi/ErrorPage.h"
+#include "cgi/NphLines.h"
+#include "cgi/RequestId.h"
+#include "cgi/VeHttpResponse.h"
+#include "client/QuilClientError.h"
+#include "platform/osfile_impl.h"
+
+namespace {
+
+// Whether a field of that name stands among the header's.
+bool hasField(const char* fields, const char* name) {
+    const std::size_t length = std::strlen(name);
+    for (const char* line = fields; line != nullptr && *line != '\0' && *line != '\r';) {
+        if (strncasecmp(line, name, length) == 0 && line[length] == ':') return true;
+        line = std::strchr(line, '\n');
+        if (line != nullptr) ++line;
+    }
+    return false;
+}
+
+// The "Status:" field that tells the web server what the application server's status line says (RFC 3875, 6.3.3).
+// None beside a field of that name, nor where a Location with the status 200 asks the web server for a redirect of
+// its own making.
+CText& makeStatusField(void* response, const char* fields, CText& out) {
+    out.Clear();
+    const std::int32_t code = VeHttpGetStatusCode(response);
+    if (hasField(fields, "Status") || (code == 200 && hasField(fields, "Location"))) return out;
+    const char* reason = VeHttpGetReasonPhrase(response, nullptr);
+    out.Format("Status: %d %s\r\n", static_cast<int>(code), reason != nullptr ? reason : "");
+    return out;
+}
+
+bool isHeadRequest() {
+    const char* method = std::getenv("REQUEST_METHOD");
+    return method != nullptr && std::strcmp(method, "HEAD") == 0;
+}
+
+}  // namespace
+
+bool ResponseWriter::writeHeader(const char* header, std::uint32_t length) {
+    void* response = VeHttpParseResponse(header, false);
+    if (response == nullptr) return false;
+    CText statusField;
+    if (!isNph_) {  // the web server makes its own status line
+        header = VeHttpFirstResponseHeader(response);
+        length = static_cast<std::uint32_t>(std::strlen(header));
+        if (settings_.sendsHttpStatus) makeStatusField(response, header, statusField);
+    }
+    VeHttpReleaseResponse(response);
+    return finish() && hold(statusField, header, length);
+}
+
+// What there is no memory to hold leaves at once.
+bool ResponseWriter::hold(const CText& statusField, const char* bytes, std::uint32_t length) {
+    const std::uint32_t statusLength = statusField.Length();
+    const std::uint32_t total = statusLength + length;
+    if (held_.SetEqualTo(statusField.GetTextEx(), statusLength, total) == statusLength)
+        held_.Replace(statusLength, 0, bytes, length);
+    if (held_.GetDataSize() == total) return true;
+    held_.Clear();
+    iovec parts[] = {TextPart(statusField.GetTextEx()), {const_cast<char*>(bytes), length}};
+    return write(parts, 2);
+}
+
+bool ResponseWriter::writeBody(const char* bytes, std::uint32_t length) {
+    iovec parts[] = {{held_.GetBuffer(), held_.GetDataSize()}, {const_cast<char*>(bytes), length}};
+    const bool isWritten = write(parts, 2);
+    held_.Clear();
+    return isWritten;
+}
+
+bool ResponseWriter::finish() {
+    return writeBody(nullptr, 0);
+}
+
+bool ResponseWriter::write(iovec* parts, int count) {
+    for (int i = 0; i < count; ++i)
+        hasBegun_ = hasBegun_ || parts[i].iov_len != 0;
+    return WriteOSFile(fd_, parts, count) || !settings_.cutsBrokenAnswers;
+}
+
+// In one piece, as any output: the C library's stream would lose what an interrupted or blocked write had.
+void ResponseWriter::writeErrorPage(std::uint32_t code, HttpStatus status) {
+    if (settings_.cutsBrokenAnswers && hasBegun_) return;
+    if (settings_.cutsBrokenAnswers || settings_.sendsHttpStatus) held_.Clear();
+    finish();
+
+    const bool tellsStatus = settings_.sendsHttpStatus && !hasBegun_;
+    const ErrorPage page(code, status, settings_.errorPage, settings_.errorPage.IsEmpty() ? "" : RequestId());
+    char shortPage[512];
+    const char* text = page.text();
+    if (*text == '\0') {  // there was no memory to put it together
+        std::snprintf(shortPage, sizeof shortPage, VE_ERR_HTML_TEMPLATE, static_cast<int>(code),
+                      "There is not enough memory.", "");
+        text = shortPage;
+    }
+    char statusField[64] = "";
+    if (tellsStatus && !isNph_)
+        std::snprintf(statusField, sizeof statusField, "Status: %d %s\r\n", status.code, status.reason);
+    const bool comesBack = tellsStatus && status.code == kServiceUnavailable.code;
+    const NphLines nph(settings_.sendsHttpStatus ? status : kInternalServerError);
+
+    constexpr int kParts = NphLines::kParts + 4;
+    iovec parts[kParts] = {};
+    if (isNph_) std::memcpy(parts, nph.parts(), NphLines::kParts * sizeof *parts);
+    iovec* next = parts + NphLines::kParts;
+    *next++ = TextPart(statusField);
+    *next++ = TextPart(comesBack ? "Retry-After: 10\r\n" : "");
+    *next++ = TextPart("Content-type: text/html\r\n\r\n");
+    *next =
+        TextPart(isNph_ && isHeadRequest() ? "" : text);  // the web server takes it from any other program
+    write(parts, kParts);
+}

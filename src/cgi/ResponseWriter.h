@@ -1,0 +1,46 @@
+// ResponseWriter: the way of a response to the web server, up to its end or to an error page.
+#pragma once
+
+#include <sys/uio.h>
+
+#include <cstdint>
+
+#include "Server/Common_Classes/UData.h"
+#include "Server/Common_Classes/UText.h"
+#include "cgi/HttpStatus.h"
+#include "client/ResponseSettings.h"
+
+// Writes a CGI response (RFC 3875, 6), or as an "nph-" program a whole HTTP response, to a descriptor. A header waits
+// until something follows it, so that a small page leaves in one write.
+//
+// Whether somebody still reads is not examined, unless broken answers are cut: then a failed write fails the operation.
+// Threads: one at a time.
+class ResponseWriter {
+  public:
+    explicit ResponseWriter(int fd) : fd_(fd) {}
+    ResponseWriter(const ResponseWriter&) = delete;
+    ResponseWriter& operator=(const ResponseWriter&) = delete;
+
+    void setNph(bool isNph) { isNph_ = isNph; }
+    void setSettings(const ResponseSettings& settings) { settings_ = settings; }
+
+    // A header of the application server, status line and fields, NUL-terminated. False when it is none.
+    bool writeHeader(const char* header, std::uint32_t length);
+    bool writeBody(const char* bytes, std::uint32_t length);
+    bool finish();  // what is held leaves
+
+    // The page of a client error code. It stands behind what was written already; a header that is still held comes
+    // before it. Where answers are cut, or statuses sent, that header is dropped instead; where they are cut, nothing
+    // is written once something has gone out.
+    void writeErrorPage(std::uint32_t code, HttpStatus status);
+
+  private:
+    bool write(iovec* parts, int count);
+    bool hold(const CText& statusField, const char* bytes, std::uint32_t length);
+
+    const int fd_;
+    bool isNph_ = false;
+    bool hasBegun_ = false;  // something has gone out, or was to
+    ResponseSettings settings_;
+    CData held_;
+};
