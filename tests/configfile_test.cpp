@@ -123,15 +123,17 @@ TEST_F(ConfigFileTest, KeepsModeOwnerAndLinksAndOnAFullDiskTheContent) {
         if (linked) std::filesystem::create_hard_link(path_, folder_ / "2");
 
         // A file that may grow no further stands for a full disk. The signal that comes with it would kill the
-        // writer, who must see it before anything is written.
-        const pid_t writer = support::startChild([&] {
-            file_.changeValue("s", "A", std::string(99, 'x').c_str());
-            std::signal(SIGXFSZ, SIG_DFL);
-            const rlimit limit{99, 99};
-            setrlimit(RLIMIT_FSIZE, &limit);
-            return file_.changeStanzaWithWrite("s");
-        });
-        EXPECT_EQ(support::resultOf(writer), 0);
+        // writer, who must see it before anything is written, even if the file is longer than that already.
+        for (const rlim_t most : {99u, 9u}) {
+            const pid_t writer = support::startChild([&] {
+                file_.changeValue("s", "A", std::string(99, 'x').c_str());
+                std::signal(SIGXFSZ, SIG_DFL);
+                const rlimit limit{most, most};
+                setrlimit(RLIMIT_FSIZE, &limit);
+                return file_.changeStanzaWithWrite("s");
+            });
+            EXPECT_EQ(support::resultOf(writer), 0) << most;
+        }
         EXPECT_EQ(onDisk(), kOld);
         EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_.path()), {}), linked ? 2 : 1);
 

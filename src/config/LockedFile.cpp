@@ -185,9 +185,10 @@ FileFault LockedFile::rewriteInPlace(const char* bytes, std::uint32_t size) {
     CData overwritten;
     if (read(overwritten, written) != FileFault::kNone) return FileFault::kRead;
 
+    if (!isWithinLimit(written)) return FileFault::kWrite;  // what was there may be too long to be put back
+
     FileFault fault = FileFault::kWrite;
-    if (isWithinLimit(written) && reserve(file_.get(), written) &&
-        writeAndSync(file_.get(), content, written)) {
+    if (reserve(file_.get(), written) && writeAndSync(file_.get(), content, written)) {
         if (ChangeOSFileSize(file_.get(), size)) {
             ::fsync(file_.get());  // the size; the content is safe already
             return FileFault::kNone;
