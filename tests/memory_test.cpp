@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -140,7 +141,7 @@ bool unmarshallsAList() {
 // A thousand files, none of which need reach a disk.
 const bool inMemory = std::filesystem::is_directory("/dev/shm") && setenv("TMPDIR", "/dev/shm", 1) == 0;
 const support::TempDir folder;
-const std::string kPath = folder / "clients.ini";
+const std::string kPath = folder / "clients.ini", kForeign = folder / "backup";
 const std::string kOld = "[All]\nshop=\n\n[shop]\nCOLOUR=red\nSIZE=" + kLong + "\n\n";
 
 bool opensTheEventLog() {
@@ -152,11 +153,14 @@ bool opensTheEventLog() {
     return done;
 }
 
-// The file on disk is the old or the new one; a section is whole or not there. Lists grow and are copied on
-// the way.
+// The file on disk is the old or the new one; a section is whole or not there; an old file of somebody else's
+// stays. Lists grow and are copied on the way.
 template <class Operation>
 bool readsOrWrites(Operation operation) {
     support::writeFile(kPath, kOld);
+    support::writeFile(kForeign, "");
+    std::filesystem::last_write_time(kForeign,
+                                     std::filesystem::file_time_type::clock::now() - std::chrono::hours(2));
     ConfigFile file(kPath.c_str(), "All");
     file.parseConfigFile();
     file.changeValue(kShop, "COLOUR", kLong.c_str());
@@ -167,7 +171,15 @@ bool readsOrWrites(Operation operation) {
     static const auto whole = std::pair(written, isThere);
     EXPECT_TRUE(done ? whole == std::pair(written, isThere) : written == kOld) << done;
     EXPECT_EQ(file.findStanza(kShop), isThere);
+    EXPECT_TRUE(std::filesystem::exists(kForeign));
     return done;
+}
+
+// As a server list is added: what cannot be made of the section is not added.
+bool addsCopy(Stanza& stanza, bool) {
+    CText size;
+    stanza.getValue("SIZE", size);
+    return size == kLong.c_str() && stanza.addValue("COPY", size.GetTextEx());
 }
 
 TEST(Memory, MayRunOutInEveryOperation) {
@@ -186,6 +198,10 @@ TEST(Memory, MayRunOutInEveryOperation) {
         [] { return readsOrWrites([](ConfigFile& file) { return file.writeFile(true); }); },
         [] { return readsOrWrites([](ConfigFile& file) { return file.changeStanzaWithWrite("shop"); }); },
         [] { return readsOrWrites([](ConfigFile& file) { return file.removeStanzaWithWrite("shop"); }); },
+        [] {
+            return readsOrWrites(
+                [](ConfigFile& file) { return file.completeStanzaWithWrite(kShop, addsCopy); });
+        },
     };
     for (const auto& scenario : scenarios) {
         SCOPED_TRACE(&scenario - scenarios);

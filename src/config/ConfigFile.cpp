@@ -342,7 +342,7 @@ bool ConfigFile::completeStanzaWithWrite(const CText& name, bool (*complete)(Sta
         return false;
     }
     const bool isChanged = complete(*image.pGetStanza(name), isNew);
-    if (isChanged && !image.pStore(file, memory)) return false;
+    if (isChanged ? !image.pStore(file, memory) : memory.ranOut()) return false;
     removeAllStanzas();
     for (ListIterators<Stanza*> i(image.stanzas_); !i.isDone(); i.next())
         stanzas_.append(i.currentItem());

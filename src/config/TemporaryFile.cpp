@@ -101,9 +101,8 @@ TemporaryFile::~TemporaryFile() {
 }
 
 bool TemporaryFile::createLike(int model, const struct stat& modelStatus) {
-    const MemoryWatch memory;
     name_ += kRandomPart;
-    if (memory.ranOut()) return false;
+    if (memory_.ranOut()) return false;
     file_.reset(::mkostemp(reinterpret_cast<char*>(name_.GetBuffer()), O_CLOEXEC));
     exists_ = fd() != -1;
     const mode_t mode = modelStatus.st_mode & 07777;
@@ -123,6 +122,7 @@ bool TemporaryFile::takePlace() {
 
 void TemporaryFile::removeAbandoned() const {
     constexpr int kMostEntries = 10000;  // a folder with more is not walked to its end
+    if (memory_.ranOut()) return;        // the name lacks something, and would fit other files
     const ErrnoKeeper keeper;
     const char* beginning = name_.GetTextEx() + folder_.Length();
     const std::size_t length = std::strlen(beginning);

@@ -29,6 +29,7 @@ class TemporaryFile {
     void removeAbandoned() const;
 
   private:
+    const MemoryWatch memory_;  // of the texts that follow
     const CText& path_;
     CText folder_;
     CText name_;  // without the six characters until the file was made
