@@ -9,6 +9,7 @@
 #include <cstring>
 #include <new>
 
+#include "Server/Common_Classes/MemoryWatch.h"
 #include "Server/General/FixedText.h"
 #include "cgi/ByHand.h"
 #include "cgi/NphLines.h"

@@ -7,6 +7,7 @@
 #include <memory>
 #include <new>
 
+#include "config/ConfigParser.h"
 #include "config/LockedFile.h"
 #include "eventlog/eventlog.h"
 #include "platform/ErrnoKeeper.h"

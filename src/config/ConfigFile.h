@@ -4,9 +4,10 @@
 #include <cstdint>
 #include <ctime>
 
+#include "Server/Common_Classes/MemoryWatch.h"
 #include "Server/Common_Classes/UText.h"
 #include "Server/General/ZorbiLists.h"
-#include "config/ConfigParser.h"
+#include "config/ParseError.h"
 #include "config/Stanza.h"
 #include "platform/mutexobj.h"
 #include "platform/thread_annotations.h"

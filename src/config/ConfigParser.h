@@ -4,18 +4,10 @@
 #include <cstdint>
 #include <memory>
 
+#include "Server/Common_Classes/MemoryWatch.h"
 #include "Server/Common_Classes/UData.h"
+#include "config/ParseError.h"
 #include "config/Stanza.h"
-
-// Where and why a parse stopped. A fault in the file's text has a line and a column, both from 1 (a column is
-// a byte); for a file that could not be read, or held in memory, both are 0, and systemError is the errno of
-// what failed, if it has one.
-struct ParseError {
-    const char* reason = "";  // empty when nothing went wrong
-    std::uint32_t line = 0;
-    std::uint32_t column = 0;
-    int systemError = 0;
-};
 
 // The tokens of the syntax. Which ones there are depends on the place: after "=" the caller asks for a value,
 // everywhere else for the rest (key mode).

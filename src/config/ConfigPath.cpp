@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 
+#include "Server/Common_Classes/MemoryWatch.h"
 #include "config/ConfigFile.h"
 
 namespace {

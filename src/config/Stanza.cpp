@@ -6,6 +6,8 @@
 #include <memory>
 #include <new>
 
+#include "Server/Common_Classes/MemoryWatch.h"
+
 namespace {
 
 bool copyText(const char* text, CText& out) {

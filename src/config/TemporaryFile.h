@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include "Server/Common_Classes/MemoryWatch.h"
 #include "Server/Common_Classes/UText.h"
 #include "platform/osfile_impl.h"
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "Server/Common_Classes/MemoryWatch.h"
 #include "Server/Common_Classes/UText.h"
 #include "eventlog/eventlog_impl.h"
 #include "platform/mutexobj.h"

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "Server/Common_Classes/MemoryWatch.h"
 #include "Server/General/FirstInPlace.h"
 #include "Server/General/FixedText.h"
 #include "config/ClientKeys.h"

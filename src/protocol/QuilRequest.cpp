@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "Server/Common_Classes/MemoryWatch.h"
+
 namespace {
 
 struct QuilReqParamDesc {

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <new>
 
+#include "Server/Common_Classes/MemoryWatch.h"
+
 namespace {
 
 constexpr std::uint32_t kMarkSize = 4;

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "Server/Common_Classes/PerThread.h"
+#include "Server/Common_Classes/MemoryWatch.h"
 
 namespace {
 
@@ -16,8 +16,6 @@ constexpr std::uint32_t kLeastShrink = 32;
 constexpr std::uint32_t kSmallBuffer = 4096;
 constexpr std::uint32_t kSmallStep = 16;
 constexpr std::uint32_t kLargeStep = 4096;
-
-VELARTO_PER_THREAD std::uint32_t failedAllocations = 0;
 
 // The least multiple of the step above n, or 0 when 32 bits cannot hold it.
 std::uint32_t roundUp(std::uint32_t n, std::uint32_t bufferSize) {
@@ -80,7 +78,7 @@ bool CData::SetBufferSize(std::uint32_t n) {
 
     void* resized = std::realloc(buffer_, size);
     if (resized == nullptr) {
-        ++failedAllocations;
+        MemoryWatch::countFailure();
         return n <= bufferSize_;
     }
     const bool first = buffer_ == nullptr;
@@ -231,10 +229,4 @@ std::uint32_t CData::ownBytesFrom(const void* p) const {
     const std::uintptr_t offset =
         reinterpret_cast<std::uintptr_t>(p) - reinterpret_cast<std::uintptr_t>(buffer_);
     return offset < bufferSize_ ? bufferSize_ - static_cast<std::uint32_t>(offset) : 0;
-}
-
-MemoryWatch::MemoryWatch() : failuresBefore_(failedAllocations) {}
-
-bool MemoryWatch::ranOut() const {
-    return failedAllocations != failuresBefore_;
 }

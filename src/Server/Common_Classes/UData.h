@@ -1,5 +1,4 @@
-// CData: an owned, growable block of bytes; the base of the text string CText. MemoryWatch: whether all
-// blocks got the memory that they asked for.
+// CData: an owned, growable block of bytes; the base of the text string CText.
 #pragma once
 
 #include <cstdint>
@@ -89,16 +88,4 @@ class CData {
   private:
     // The number of bytes from p to the end of the buffer; 0 when p points elsewhere.
     std::uint32_t ownBytesFrom(const void* p) const;
-};
-
-// Tells whether memory ran out for a block of this thread since the watch was made. For operations that put
-// many blocks together and must not pass off a maimed result as whole: one question at the end in place of
-// one at every step.
-class MemoryWatch {
-  public:
-    MemoryWatch();
-    bool ranOut() const;
-
-  private:
-    std::uint32_t failuresBefore_;
 };

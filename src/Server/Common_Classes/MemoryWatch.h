@@ -1,0 +1,18 @@
+// MemoryWatch: whether all blocks of bytes got the memory that they asked for.
+#pragma once
+
+#include <cstdint>
+
+// Tells whether memory ran out for a block of this thread since the watch was made. For operations that put
+// many blocks together and must not pass off a maimed result as whole: one question at the end in place of
+// one at every step.
+class MemoryWatch {
+  public:
+    MemoryWatch();
+    bool ranOut() const;
+
+    static void countFailure();  // told by a block that did not get what it asked for
+
+  private:
+    std::uint32_t failuresBefore_;
+};
