@@ -88,7 +88,7 @@ class Web : public GatewayTest, public testing::WithParamInterface<WebServer> {
         EXPECT_TRUE(comesTrue([&] { return !runs(folder_.path()); }));
         std::istringstream log(readFile(folder_ / "run/error.log"));
         for (std::string line; std::getline(log, line);)
-            EXPECT_TRUE(contains(line, GetParam().harmless));
+            EXPECT_TRUE(line.find(expectedComplaint_) != line.npos || contains(line, GetParam().harmless));
     }
 
     // A browser's request, with further options of curl.
@@ -105,6 +105,9 @@ class Web : public GatewayTest, public testing::WithParamInterface<WebServer> {
         EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
         return outcome.out;
     }
+
+    int port() const { return port_; }
+    void expectComplaint(const std::string& text) { expectedComplaint_ = text; }  // beside what is harmless
 
     const std::string gateways_ = folder_ / "htdocs/cgi-bin/";
     const DevServer devServer_{{"--sid", "s001"}};
@@ -137,6 +140,7 @@ class Web : public GatewayTest, public testing::WithParamInterface<WebServer> {
 
     const std::string fcgiwrap_ = folder_ / "run/fcgiwrap";  // its socket
     int port_ = 10000 + ::getpid() % 20000;                  // below those that the system hands out
+    std::string expectedComplaint_ = GetParam().harmless;
     std::deque<Process> processes_;
 };
 
@@ -181,6 +185,37 @@ TEST_P(Web, PiecesArriveUntilTheBrowserGoesAwayAndTheGatewayEnds) {
     EXPECT_TRUE(runs(gateways_));
     browser.kill(SIGKILL);
     EXPECT_TRUE(comesTrue([&] { return !runs(gateways_); }));
+}
+
+// Whatever a browser claims to be: only a login that the web server has checked makes a user.
+TEST_P(Web, ForgedLoginMakesNoUser) {
+    EXPECT_TRUE(contains(get("/cgi-bin/shop/", {"-u", "admin:guess"}), ">REMOTE_USER</th><td></td>"));
+}
+
+// The status where nothing has come yet, a length that is not reached where something has; never a page in front of
+// the connection's next response.
+TEST_P(Web, BrowserNoticesADownloadThatBreaksOff) {
+    constexpr int kPartialFile = 18;  // of curl
+    if (GetParam().name == "nginx") expectComplaint("upstream prematurely closed FastCGI request");
+    const DevServer breaking({"--misbehave"});
+    configure(entry(breaking.port()), "HTTPSTATUS=yes\nBROKENANSWER=cut\n");
+    const struct {
+        std::string address;
+        int exitStatus;
+        std::string status;
+    } cases[] = {
+        {"/cgi-bin/shop/blob?size=1000000&cut=20", 0, " 502 "},
+        {"/cgi-bin/shop/blob?size=1000000&cut=500000", kPartialFile, " 200 "},
+        {"/cgi-bin/shop/misbehave?how=close-now&at=end", 0, " 200 "},
+    };
+    const std::string server = "http://127.0.0.1:" + std::to_string(port());
+    for (const auto& c : cases) {
+        const Outcome outcome = support::run(curl(c.address), 70s);
+        EXPECT_EQ(outcome.exitStatus, c.exitStatus) << c.address;
+        EXPECT_EQ(outcome.out.substr(8, 5), c.status) << c.address;
+        const std::string next = support::run(curl(c.address, {server + "/cgi-bin/shop/echo"}), 70s).out;
+        EXPECT_TRUE(contains(next.substr(next.rfind("HTTP/1.1 ")), "HTTP/1.1 200 ")) << c.address;
+    }
 }
 
 TEST_P(Web, UserStaysWithHisServer) {

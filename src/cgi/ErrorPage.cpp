@@ -1,5 +1,6 @@
 #include "cgi/ErrorPage.h"
 
+#include "Server/Common_Classes/MemoryWatch.h"
 #include "client/Velarto.h"
 #include "platform/FileContent.h"
 
