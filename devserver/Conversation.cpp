@@ -98,7 +98,7 @@ void Conversation::reset() {
     // connect(2): an address of family AF_UNSPEC dissolves the connection; TCP tells the peer by a reset.
     sockaddr nobody{};
     nobody.sa_family = AF_UNSPEC;
-    ::connect(socket_.GetDescriptor(), &nobody, sizeof nobody);
+    static_cast<void>(::connect(socket_.GetDescriptor(), &nobody, sizeof nobody));
     throw HungUp();
 }
 

@@ -17,9 +17,9 @@
 namespace {
 
 constexpr char kUserReference[] = "Velarto_UserReference";
-constexpr std::uint64_t kMaxPiece = 64 * 1024 * 1024;
-constexpr std::uint64_t kMaxPieces = 1000 * 1000;
-constexpr std::uint64_t kMaxDelay = 60 * 1000;
+constexpr std::uint64_t kMaxPiece = std::uint64_t{64} << 20;
+constexpr std::uint64_t kMaxPieces = 1'000'000;
+constexpr std::uint64_t kMaxDelay = 60'000;
 constexpr std::uint64_t kMaxBlob = std::uint64_t{1} << 40;
 
 // ---- parts that several pages have ----

@@ -89,9 +89,9 @@ const std::string* Arguments::find(std::string_view name) const {
     return nullptr;
 }
 
-std::string Arguments::text(std::string_view name, std::string fallback) const {
+std::string Arguments::text(std::string_view name, const std::string& fallback) const {
     const std::string* value = find(name);
-    return value == nullptr ? std::move(fallback) : *value;
+    return value == nullptr ? fallback : *value;
 }
 
 std::uint64_t Arguments::number(std::string_view name, std::uint64_t fallback, std::uint64_t from,

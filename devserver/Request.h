@@ -37,7 +37,7 @@ class Arguments {
 
     const std::vector<std::pair<std::string, std::string>>& all() const { return pairs_; }
     const std::string* find(std::string_view name) const;  // the first of that name; null when there is none
-    std::string text(std::string_view name, std::string fallback) const;
+    std::string text(std::string_view name, const std::string& fallback) const;
     // Throws BadArgument when there is one that is no number or lies outside.
     std::uint64_t number(std::string_view name, std::uint64_t fallback, std::uint64_t from,
                          std::uint64_t to) const;

@@ -192,7 +192,8 @@ const char* ConfigParser::name() {
 std::unique_ptr<Stanza> ConfigParser::readStanza() {
     std::unique_ptr<Stanza> stanza(new (std::nothrow) Stanza(name()));
     const bool isWhole = stanza != nullptr ? readBody(stanza.get()) : failWithoutMemory();
-    return isWhole ? std::move(stanza) : nullptr;
+    if (!isWhole) stanza.reset();
+    return stanza;
 }
 
 // What follows the name. Without a stanza to fill it is only checked.

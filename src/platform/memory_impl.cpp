@@ -6,7 +6,7 @@
 #include "platform/ErrnoKeeper.h"
 
 void AdviseHugePages(void* block, std::uint32_t size) {
-    constexpr std::uintptr_t kHugePage = 2 * 1024 * 1024;
+    constexpr std::uintptr_t kHugePage = std::uintptr_t{2} << 20;
     if (size < kHugePage) return;
     const auto begin = reinterpret_cast<std::uintptr_t>(block);
     const std::uintptr_t first = (begin + kHugePage - 1) & ~(kHugePage - 1);

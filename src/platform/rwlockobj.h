@@ -70,12 +70,12 @@ class VELARTO_SCOPED_CAPABILITY ReadLock
     : public RWLockHolder<&TReadWriteLock::WaitForRead, &TReadWriteLock::ReleaseReadLock> {
   public:
     explicit ReadLock(TReadWriteLock& lock) VELARTO_ACQUIRE_SHARED(lock) : RWLockHolder(lock) {}
-    ~ReadLock() VELARTO_RELEASE() {}
+    ~ReadLock() VELARTO_RELEASE() = default;
 };
 
 class VELARTO_SCOPED_CAPABILITY WriteLock
     : public RWLockHolder<&TReadWriteLock::WaitForWrite, &TReadWriteLock::ReleaseWriteLock> {
   public:
     explicit WriteLock(TReadWriteLock& lock) VELARTO_ACQUIRE(lock) : RWLockHolder(lock) {}
-    ~WriteLock() VELARTO_RELEASE() {}
+    ~WriteLock() VELARTO_RELEASE() = default;
 };

@@ -158,7 +158,7 @@ bool QuilClient::processUserRef(CText& sid, CText& ip, CText& port) const {
             sid = CText(userRef_, kSIDLength);
             return true;
         case kUserRefWithAddress: {
-            const auto octet = [this](int i) {
+            const auto octet = [this](std::size_t i) {
                 return static_cast<unsigned>(hexNumber(userRef_ + 2 * i, 2));
             };
             ip.Format("%u.%u.%u.%u", octet(0), octet(1), octet(2), octet(3));

@@ -80,7 +80,7 @@ CText::CText(unsigned char c) {
     *this = static_cast<char>(c);
 }
 
-CText::CText(const CText& other) : CData() {
+CText::CText(const CText& other) : CText() {
     *this = other;
 }
 
