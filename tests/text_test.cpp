@@ -58,8 +58,7 @@ TEST(Text, ComparesWithoutCaseUnlessToldOtherwise) {
     EXPECT_TRUE(abc.Equals("ABCd", 3) && abc.Equals("abc", 3, true) && abc.FirstNEquals("aBcd", 4, false));
     EXPECT_FALSE(abc.Equals(CText("aBC"), true) || abc.FirstNEquals("aBc", 3, true) ||
                  abc.Equals("abcd", 4, true) || abc.FirstNEquals("", 0, true));
-    const std::unique_ptr<char[]> shorter(
-        new char[2]{'a', 0});  // where an address sanitizer sees its end
+    const std::unique_ptr<char[]> shorter(new char[2]{'a', 0});  // where an address sanitizer sees its end
     EXPECT_FALSE(abc.FirstNEquals(shorter.get(), 3, true));
 }
 

@@ -7,8 +7,8 @@
 #include "client/ClientEnvironment.h"
 #include "client/ConfigClnt.h"
 #include "client/QuilClientError.h"
-#include "platform/memory_impl.h"
 #include "platform/FileContent.h"
+#include "platform/memory_impl.h"
 #include "protocol/SocCGIQuilClient.h"
 
 namespace {

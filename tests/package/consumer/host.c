@@ -34,14 +34,16 @@ static bool ownNamesAreMine(void) {
     return socket.own() == 1 && mutex.locks == 1 && strcmp(configFile, "mine") == 0;
 }
 #else
-typedef char AsInCpp[sizeof(TQUILReqType) == 4 && sizeof(TQUILReqParamID) == 4 && sizeof(TSysEventType) == 4 ? 1 : -1];
+typedef char
+    AsInCpp[sizeof(TQUILReqType) == 4 && sizeof(TQUILReqParamID) == 4 && sizeof(TSysEventType) == 4 ? 1 : -1];
 
 static bool ownNamesAreMine(void) {
     return strcmp(configFile, "mine") == 0;
 }
 #endif
 
-static bool takeStatus(ve_hclient_t* connection, TQUILReqType type, const char* data, uint32_t length, void* user) {
+static bool takeStatus(ve_hclient_t* connection, TQUILReqType type, const char* data, uint32_t length,
+                       void* user) {
     (void)connection;
     (void)length;
     if (type == QUIL_HTTP_HEADER) {
@@ -61,7 +63,8 @@ int main(void) {
              VeRequestSetAtrtibute(request, QUIL_PARAM_QUERY_STRING, "code=204") &&
              VeClientConnectToServer(connection, request) && VeClientSendRequest(connection, request) &&
              VeClientDispatchRequests(connection, takeStatus, &status);
-    ReportSystemEvent(SYS_EVENT_INFO, SYS_EVENT_RUNTIME, "status %d, mine %d", (int)status, ownNamesAreMine());
+    ReportSystemEvent(SYS_EVENT_INFO, SYS_EVENT_RUNTIME, "status %d, mine %d", (int)status,
+                      ownNamesAreMine());
     VeClientFreeRequest(connection, request);
     VeClientDestroyConnection(connection);
     served = VeClientCleanUp() && CloseSystemEventLog() && served;
