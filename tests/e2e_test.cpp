@@ -259,9 +259,9 @@ TEST_F(Gateway, BrokenAnswerIsCutOnceSomethingHasGoneOut) {
         {{}, page}, {{kAnswer[0]}, page}, {{kAnswer[0], kAnswer[1]}, kAnswerOutput}};
     for (const auto& [messages, output] : cases) {
         serveAlone(
-            [&](Connection& connection) {
+            [pieces = messages](Connection& connection) {
                 connection.receiveRequest();
-                connection.serve(messages);
+                connection.serve(pieces);
                 connection.closeSending();
             },
             "BROKENANSWER=cut\n");
