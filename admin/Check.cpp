@@ -55,8 +55,9 @@ std::string counted(std::size_t n, const std::string& what) {
 }
 
 int check(const Request& request) {
-    const std::string path = locate(request).path;
-    const Outline outline(contentOf(path));
+    const Snapshot file(locate(request));
+    const std::string& path = file.path();
+    const Outline& outline = file.outline();
     const std::vector<Finding> findings = findingsIn(outline);
     const auto errors = static_cast<std::size_t>(
         std::count_if(findings.begin(), findings.end(), [](const Finding& f) { return f.isError; }));

@@ -41,17 +41,6 @@ void requireRegularFile(const std::string& path) {
     if (!S_ISREG(status.st_mode)) throw Failure(shown(path) + ": is not a regular file");
 }
 
-}  // namespace
-
-Location locate(const Request& request) {
-    if (!request.file.empty()) return {request.file, "the option --file"};
-    CText path;
-    ConfigPathRule rule;
-    if (!ConfigFile::buildConfigPath(kDefaultIniFile, path, &rule))
-        throw Failure("the configuration's folder has too long a name");
-    return {path.GetTextEx(), ruleText(rule)};
-}
-
 std::string contentOf(const std::string& path) {
     requireRegularFile(path);
     const CText name(path.c_str());
@@ -68,21 +57,31 @@ std::string contentOf(const std::string& path) {
     return {reinterpret_cast<const char*>(content.GetBuffer()), content.GetDataSize()};
 }
 
-std::unique_ptr<ConfigFile> load(const std::string& path) {
-    contentOf(path);  // or tell why it cannot be had
-    auto file = std::make_unique<ConfigFile>(path.c_str(), kDirectoryStanza);
-    if (file->parseConfigFile()) return file;
-    const ParseError error = file->lastParseError();
-    std::string text = faultText(path, {error.line, error.column}, error.reason);
-    if (error.systemError != 0) text += std::string(": ") + std::strerror(error.systemError);
-    throw Failure(text);
+}  // namespace
+
+Location locate(const Request& request) {
+    if (!request.file.empty()) return {request.file, "the option --file"};
+    CText path;
+    ConfigPathRule rule;
+    if (!ConfigFile::buildConfigPath(kDefaultIniFile, path, &rule))
+        throw Failure("the configuration's folder has too long a name");
+    return {path.GetTextEx(), ruleText(rule)};
 }
 
-Outline faultlessOutline(const std::string& path) {
-    Outline outline(contentOf(path));
-    for (const SyntaxError& error : outline.errors())
-        throw Failure(faultText(path, error.place, error.reason));
-    return outline;
+Snapshot::Snapshot(const Location& location) : path_(location.path), outline_(contentOf(path_)) {}
+
+Snapshot Snapshot::faultless(const Request& request) {
+    Snapshot snapshot(locate(request));
+    for (const SyntaxError& error : snapshot.outline_.errors())
+        throw Failure(faultText(snapshot.path_, error.place, error.reason));
+    return snapshot;
+}
+
+const OutlineSection& Snapshot::client(const std::string& name) const {
+    const OutlineSection* section = outline_.find(name);
+    if (section == nullptr || !isClient(outline_, *section))
+        throw Failure("no client '" + shown(name) + "'; there are: " + namesOfClients(outline_));
+    return *section;
 }
 
 bool isClient(const Outline& outline, const OutlineSection& section) {
@@ -95,18 +94,15 @@ std::string faultText(const std::string& path, Place place, const std::string& r
     return shown(path) + ":" + where + " " + reason;
 }
 
-Stanza& sectionOf(ConfigFile& file, const std::string& path, const std::string& client) {
-    Stanza* section = file.getStanza(client.c_str());
-    if (section == nullptr || sameName(client, kDirectoryStanza))
-        throw Failure("no client '" + shown(client) +
-                      "'; there are: " + namesOfClients(faultlessOutline(path)));
-    return *section;
+Stanza stanzaOf(const OutlineSection& section) {
+    AttributeList attributes;
+    for (const OutlineAttribute& attribute : section.attributes)
+        attributes.addAttribute(attribute.key.text.c_str(), attribute.value.text.c_str());
+    return Stanza(section.name.text.c_str(), attributes);
 }
 
 ServerList serversOf(const OutlineSection& section) {
-    Stanza stanza(section.name.text.c_str());
-    for (const OutlineAttribute& attribute : section.attributes)
-        stanza.addValue(attribute.key.text.c_str(), attribute.value.text.c_str());
+    Stanza stanza = stanzaOf(section);
     return ServerList(stanza);
 }
 

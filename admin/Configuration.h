@@ -1,7 +1,6 @@
 // The configuration file that a command works on.
 #pragma once
 
-#include <memory>
 #include <string>
 
 #include "Command.h"
@@ -17,15 +16,24 @@ struct Location {
 // --file, else where the gateway looks.
 Location locate(const Request& request);
 
-// The file's bytes. Failure: it cannot be read, or has a size that the gateway refuses.
-std::string contentOf(const std::string& path);
+// The file as it was when the command began: read once, whatever becomes of it meanwhile.
+class Snapshot {
+  public:
+    // Failure: the file cannot be read, or has a size that the gateway refuses.
+    explicit Snapshot(const Location& location);
+    // The same; also a failure: it has an error, so that what stands in it cannot be told for sure.
+    static Snapshot faultless(const Request& request);
 
-// The file, parsed. Failure: it cannot be read or the gateway would refuse it; the text tells where and why.
-std::unique_ptr<ConfigFile> load(const std::string& path);
+    const std::string& path() const { return path_; }
+    const Outline& outline() const { return outline_; }
 
-// The file's outline. Failure: the file cannot be read or has an error, so that what stands in it cannot be
-// told for sure.
-Outline faultlessOutline(const std::string& path);
+    // The section that the client uses. Failure: there is none; the text names those there are.
+    const OutlineSection& client(const std::string& name) const;
+
+  private:
+    std::string path_;
+    Outline outline_;
+};
 
 // Whether the section is the one that a client uses: named, the first of its name, and not the directory.
 bool isClient(const Outline& outline, const OutlineSection& section);
@@ -33,9 +41,8 @@ bool isClient(const Outline& outline, const OutlineSection& section);
 // What is wrong at that place of the file, after "path:line:column:"; line 0: with the file as a whole.
 std::string faultText(const std::string& path, Place place, const std::string& reason);
 
-// The client's section, owned by the file from that path. Failure: there is none; the text names those there
-// are.
-Stanza& sectionOf(ConfigFile& file, const std::string& path, const std::string& client);
+// A section as the library has it.
+Stanza stanzaOf(const OutlineSection& section);
 
 ServerList serversOf(const OutlineSection& section);
 

@@ -1,7 +1,5 @@
 // velarto-config set, unset, add, remove: changes of one section, through the library's locked write-back.
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -23,15 +21,9 @@ struct Change {
 
 // The section as it stands in a file.
 Outline outlineOf(Stanza& section) {
-    char* bytes = nullptr;
-    std::size_t size = 0;
-    std::FILE* stream = ::open_memstream(&bytes, &size);
-    if (stream == nullptr) throw std::bad_alloc();
-    const bool isWhole = section.saveStanza(stream);
-    std::fclose(stream);
-    const std::unique_ptr<char, decltype(&std::free)> owner(bytes, std::free);
-    if (!isWhole) throw std::bad_alloc();
-    return Outline(std::string(bytes, size));
+    CText text;
+    if (!section.appendStanza(text)) throw std::bad_alloc();
+    return Outline(text.GetTextEx());
 }
 
 // The first text that the gateway reads without its end; null when there is none.
@@ -46,20 +38,34 @@ const PlacedText* cutTextIn(const Outline& outline) {
     return nullptr;
 }
 
+// The whole file is written anew, so what cannot be written stands in the way of every change.
+void requireWritable(const Snapshot& file) {
+    for (const OutlineSection& section : file.outline().sections()) {
+        for (const OutlineAttribute& attribute : section.attributes) {
+            if (attribute.key.text.empty())
+                throw Failure(
+                    faultText(file.path(), attribute.key.place,
+                              "the file cannot be written anew with this empty key; remove the line"));
+        }
+    }
+}
+
+[[noreturn]] void refuseLoss(const Snapshot& file, Place place, const std::string& what) {
+    throw Failure(
+        faultText(file.path(), place, "the file is written anew, without " + what + "; --force writes it"));
+}
+
 // What must not be lost or come into the file unawares; --force writes all the same.
-void examine(const std::string& path, const Outline& before, const Outline& after) {
-    const Outline file(contentOf(path));
-    const PlacedText* cut = cutTextIn(file);
-    if (cut != nullptr)
-        throw Failure(faultText(path, cut->place,
-                                "the file is written anew, without the part of this that the gateway does "
-                                "not read; --force writes it"));
-    const auto comments = file.linesWithComments();
+void examine(const Snapshot& file, const Outline& before, const Outline& after) {
+    const PlacedText* cut = cutTextIn(file.outline());
+    if (cut != nullptr) refuseLoss(file, cut->place, "the part of this that the gateway does not read");
+    if (file.outline().droppedKey().line != 0)
+        refuseLoss(file, file.outline().droppedKey(), "its last line, which the gateway ignores");
+    const auto comments = file.outline().linesWithComments();
     if (!comments.empty())
-        throw Failure(shown(path) + ":" + std::to_string(comments.front()) +
-                      ": the file is written anew, without its " +
-                      (comments.size() == 1 ? "comment" : std::to_string(comments.size()) + " comments") +
-                      "; --force writes it");
+        refuseLoss(
+            file, {comments.front(), 1},
+            comments.size() == 1 ? "its comment" : "its " + std::to_string(comments.size()) + " comments");
     std::set<std::string> known;
     for (const Finding& finding : findingsIn(before))
         known.insert(finding.message);
@@ -102,9 +108,19 @@ void requireName(const std::string& client) {
 }
 
 // The library adds and removes no client without it.
-void requireDirectory(ConfigFile& file, const std::string& path) {
-    if (!file.findStanza(kDirectoryStanza))
-        throw Failure(shown(path) + ": has no section [" + kDirectoryStanza + "], the list of clients");
+void requireDirectory(const Snapshot& file) {
+    if (file.outline().find(kDirectoryStanza) == nullptr)
+        throw Failure(shown(file.path()) + ": has no section [" + kDirectoryStanza +
+                      "], the list of clients");
+}
+
+// Of several sections of one name only the first counts: without it the next would.
+void requireOnly(const Snapshot& file, const OutlineSection& section) {
+    for (const OutlineSection& other : file.outline().sections()) {
+        if (&other != &section && sameName(other.name.text, section.name.text))
+            throw Failure(faultText(file.path(), other.name.place,
+                                    "this section of the same name would count then; remove it first"));
+    }
 }
 
 [[noreturn]] void failToWrite(const std::string& path, int cause) {
@@ -127,17 +143,27 @@ int written(const Request& request, const std::string& path, const std::string& 
 
 // ---- the commands ----
 
+// They know nothing of the other sections, so that what others change meanwhile stays.
+
+// An image of nothing but the list of clients and this section.
+void fill(ConfigFile& image, std::unique_ptr<Stanza> section) {
+    image.createDirectoryStanza();
+    image.addStanza(section.release(), true);
+}
+
 // Changes the client's section and writes it back.
 template <typename Edit>
 int editSection(const Request& request, const Change& change, Edit edit) {
-    const std::string path = locate(request).path;
-    const auto file = load(path);
-    Stanza& section = sectionOf(*file, path, change.client);
-    const Outline before = outlineOf(section);
-    edit(section);
-    if (!change.force) examine(path, before, outlineOf(section));
-    return written(request, path, change.client,
-                   [&] { return file->changeStanzaWithWrite(change.client.c_str()); });
+    const Snapshot file = Snapshot::faultless(request);
+    auto section = std::make_unique<Stanza>(stanzaOf(file.client(change.client)));
+    requireWritable(file);
+    const Outline before = outlineOf(*section);
+    edit(*section);
+    if (!change.force) examine(file, before, outlineOf(*section));
+    ConfigFile image(file.path().c_str(), kDirectoryStanza);
+    fill(image, std::move(section));
+    return written(request, file.path(), change.client,
+                   [&] { return image.changeStanzaWithWrite(change.client.c_str()); });
 }
 
 int set(const Request& request, const Change& change) {
@@ -156,36 +182,34 @@ int unset(const Request& request, const Change& change) {
     });
 }
 
-// add and remove know nothing of the other sections, so that what others change meanwhile stays.
-
 int add(const Request& request, const Change& change) {
-    const std::string path = locate(request).path;
-    const auto present = load(path);
-    if (present->findStanza(change.client.c_str()))
+    const Snapshot file = Snapshot::faultless(request);
+    if (file.outline().find(change.client) != nullptr)
         throw Failure("client '" + shown(change.client) + "' is there already");
-    requireDirectory(*present, path);
+    requireDirectory(file);
+    requireWritable(file);
     auto section = std::make_unique<Stanza>(change.client.c_str());
     section->addValue(change.key.c_str(), change.value.c_str());
+    section->addValue(key::CLIENTIOTIMEOUT.name, "30");  // a hung server must not hold all workers
     requireName(change.client);
     requireValue(*section, change.key);
-    if (!change.force) examine(path, Outline(""), outlineOf(*section));
-    ConfigFile file(path.c_str(), kDirectoryStanza);
-    file.createDirectoryStanza();
-    file.addStanza(section.release(), true);
-    return written(request, path, change.client,
-                   [&] { return file.changeStanzaWithWrite(change.client.c_str()); });
+    if (!change.force) examine(file, Outline(""), outlineOf(*section));
+    ConfigFile image(file.path().c_str(), kDirectoryStanza);
+    fill(image, std::move(section));
+    return written(request, file.path(), change.client,
+                   [&] { return image.changeStanzaWithWrite(change.client.c_str()); });
 }
 
 int remove(const Request& request, const Change& change) {
-    const std::string path = locate(request).path;
-    const auto present = load(path);
-    sectionOf(*present, path, change.client);
-    requireDirectory(*present, path);
-    if (!change.force) examine(path, Outline(""), Outline(""));
-    ConfigFile file(path.c_str(), kDirectoryStanza);
-    file.createDirectoryStanza();
-    return written(request, path, change.client,
-                   [&] { return file.removeStanzaWithWrite(change.client.c_str()); });
+    const Snapshot file = Snapshot::faultless(request);
+    requireOnly(file, file.client(change.client));
+    requireDirectory(file);
+    requireWritable(file);
+    if (!change.force) examine(file, Outline(""), Outline(""));
+    ConfigFile image(file.path().c_str(), kDirectoryStanza);
+    image.createDirectoryStanza();
+    return written(request, file.path(), change.client,
+                   [&] { return image.removeStanzaWithWrite(change.client.c_str()); });
 }
 
 using Editor = int (*)(const Request&, const Change&);

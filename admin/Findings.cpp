@@ -66,6 +66,9 @@ class Inspection {
         for (const SyntaxError& error : outline_.errors())
             inspectError(error);
         inspectDirectory();
+        if (outline_.droppedKey().line != 0)
+            warn(outline_.droppedKey(), "the gateway ignores the last line: it has no = and no line feed",
+                 "write KEY=VALUE and end the line, or remove it");
         for (const OutlineSection& section : outline_.sections()) {
             if (inspectName(section) && &section != directory_) inspectClient(section);
         }
@@ -121,6 +124,7 @@ class Inspection {
             return;
         }
         for (const OutlineAttribute& client : directory_->attributes) {
+            if (inspectEmptyKey(client.key)) continue;
             inspectRepeated(client, *directory_);
             if (outline_.find(client.key.text) == nullptr) {
                 warn(client.key.place, "client " + quoted(client.key.text) + " has no section",
@@ -158,9 +162,23 @@ class Inspection {
 
     void inspectClient(const OutlineSection& section) {
         for (const OutlineAttribute& attribute : section.attributes) {
+            if (inspectEmptyKey(attribute.key)) continue;
             if (!inspectRepeated(attribute, section)) inspectAttribute(attribute);
         }
         inspectServers(section);
+        if (section.isWhole && section.find(key::CLIENTIOTIMEOUT.name) == nullptr)
+            warn(section.name.place,
+                 "client " + quoted(section.name.text) +
+                     " has no CLIENTIOTIMEOUT: a hung server holds each request " + "for 300 seconds",
+                 "add CLIENTIOTIMEOUT=30");
+    }
+
+    // Whether the key is empty: the gateway reads such a line, but it cannot be written.
+    bool inspectEmptyKey(const PlacedText& key) {
+        if (!key.text.empty() || key.isCut) return false;
+        warn(key.place, "the key is empty: nothing reads it, and while it is there no client can be added",
+             "remove the line");
+        return true;
     }
 
     // Whether another of the same key comes first.

@@ -54,6 +54,14 @@ std::string_view Outline::line(std::uint32_t number) const {
     return std::string_view(content_).substr(start, end == std::string::npos ? end : end - start);
 }
 
+Place Outline::droppedKey() const {
+    const auto last = static_cast<std::uint32_t>(lineStarts_.size());
+    const std::string_view text = line(last);
+    const std::size_t first = text.find_first_not_of(kBlanks);
+    if (first == std::string_view::npos || text.find_first_of(";=[") != std::string_view::npos) return {};
+    return {last, static_cast<std::uint32_t>(first + 1)};
+}
+
 std::vector<std::uint32_t> Outline::linesWithComments() const {
     std::vector<std::uint32_t> lines;
     for (std::uint32_t number = 1; number <= lineStarts_.size(); ++number) {

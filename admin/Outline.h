@@ -54,6 +54,8 @@ class Outline {
     const OutlineSection* find(std::string_view name) const;
 
     std::string_view line(std::uint32_t number) const;  // without its end
+    // The key that the file ends in, without "=" and without a line feed: the gateway drops it. Line 0: there is none.
+    Place droppedKey() const;
     std::vector<std::uint32_t> linesWithComments() const;
 
   private:

@@ -15,7 +15,7 @@ void addPath(CLI::App& app, Request& request) {
             } else {
                 std::cout << shown(location.path) << "\nfound by " << location.rule << '\n';
             }
-            contentOf(location.path);  // or tell why the gateway cannot have it
+            Snapshot{location};  // or tell why the gateway cannot have it
             return kFine;
         };
     });

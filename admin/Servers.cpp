@@ -31,12 +31,6 @@ struct Result {
     bool answers() const { return probe && probe->fault.empty(); }
 };
 
-ServerList serversOf(const Request& request, const std::string& client) {
-    const std::string path = locate(request).path;
-    const std::unique_ptr<ConfigFile> file = load(path);
-    return ServerList(sectionOf(*file, path, client));
-}
-
 // One line that is overwritten, for whoever watches.
 void showProgress(const std::string& text) {
     static const bool isWatched = isatty(STDERR_FILENO) == 1;
@@ -99,7 +93,8 @@ Json jsonOf(const Result& result) {
 }
 
 int listServers(const Request& request, const Options& options) {
-    const std::vector<Result> results = resultsOf(serversOf(request, options.client), options);
+    const std::vector<Result> results =
+        resultsOf(serversOf(Snapshot::faultless(request).client(options.client)), options);
     const auto fine = std::count_if(results.begin(), results.end(), [&](const Result& result) {
         return options.probe ? result.answers() : result.fault.empty();
     });

@@ -12,7 +12,8 @@ namespace {
 // ---- list ----
 
 int list(const Request& request) {
-    const Outline outline = faultlessOutline(locate(request).path);
+    const Snapshot file = Snapshot::faultless(request);
+    const Outline& outline = file.outline();
     const OutlineSection* directory = outline.find(kDirectoryStanza);
     Json clients = Json::array();
     for (const OutlineSection& section : outline.sections()) {
@@ -85,20 +86,17 @@ std::vector<Setting> settingsOf(const OutlineSection& section) {
 }
 
 int show(const Request& request, const std::string& client) {
-    const std::string path = locate(request).path;
-    sectionOf(*load(path), path, client);  // or tell which there are
-    const Outline outline = faultlessOutline(path);
-    const OutlineSection* section = outline.find(client);
-    if (section == nullptr) throw Failure(shown(path) + ": the file changed while it was read");
+    const Snapshot file = Snapshot::faultless(request);
+    const OutlineSection& section = file.client(client);
     Json json = Json::array();
-    for (const Setting& setting : settingsOf(*section)) {
+    for (const Setting& setting : settingsOf(section)) {
         json.push_back({{"key", setting.key}, {"value", setting.value}, {"origin", setting.origin}});
         if (request.json) continue;
         std::cout << padded(shown(setting.key), 22) << ' '
                   << (setting.value.empty() ? "-" : shown(setting.value)) << "  (" << shown(setting.origin)
                   << ")\n";
     }
-    if (request.json) print({{"path", path}, {"client", section->name.text}, {"settings", json}});
+    if (request.json) print({{"path", file.path()}, {"client", section.name.text}, {"settings", json}});
     return kFine;
 }
 

@@ -174,9 +174,7 @@ Json documentOf(const TryOptions& options, const Steps& steps, const Answer& ans
 }
 
 int tryRequest(const Request& request, const TryOptions& options) {
-    const std::string path = locate(request).path;
-    const std::unique_ptr<ConfigFile> file = load(path);
-    Stanza& section = sectionOf(*file, path, options.client);
+    Stanza section = stanzaOf(Snapshot::faultless(request).client(options.client));
     Steps steps(options.verbose, request.json);
     inspectServers(section, options.client, steps);
     TQuilRequest record;

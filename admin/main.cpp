@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "Command.h"
+#include "client/Velarto.h"
 
 namespace {
 
@@ -25,6 +26,7 @@ int main(int argc, char** argv) {
     Request request;
     CLI::App app("Checks, shows and changes the gateway's configuration, and tries the servers in it.",
                  "velarto-config");
+    app.set_version_flag("--version", std::string("velarto-config (Velarto) ") + VeClientGetBuildVersion());
     app.require_subcommand(1);
     app.fallthrough();
     app.add_option("--file", request.file,
@@ -42,7 +44,10 @@ int main(int argc, char** argv) {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() != 0) {
-            std::cerr << "velarto-config: " << shown(error.what()) << "; --help tells how it is done\n";
+            const std::vector<std::string> unknown = app.remaining();
+            const bool isWrongCommand = app.get_subcommands().empty() && !unknown.empty();
+            const std::string reason = isWrongCommand ? "no command '" + unknown.front() + "'" : error.what();
+            std::cerr << "velarto-config: " << shown(reason) << "; --help tells how it is done\n";
             return kUnusable;
         }
         app.exit(error);  // prints the help

@@ -7,6 +7,7 @@
 
 #include "Misbehave.h"
 #include "Pages.h"
+#include "client/Velarto.h"
 #include "common/Text.h"
 
 namespace {
@@ -60,6 +61,8 @@ std::string helpEnd() {
 std::optional<int> parseOptions(int argc, char** argv, Options& options) {
     CLI::App app("The development application server of Velarto: something for the gateway to talk to.",
                  "velarto-devserver");
+    app.set_version_flag("--version",
+                         std::string("velarto-devserver (Velarto) ") + VeClientGetBuildVersion());
     app.get_formatter()->column_width(34);
     app.footer(helpEnd);
 

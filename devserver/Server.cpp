@@ -134,10 +134,21 @@ void Server::converse(Socket& socket, const std::string& client) {
     const sockaddr_in own = ownAddress(socket);
     const Identity identity = {dotted(own.sin_addr), ntohs(own.sin_port), options_.sid};
     Exchange exchange(options_, identity, request, conversation);
-    answer(exchange);
-    if (!options_.verbose) return;
+    const auto tell = [&] {
+        if (options_.verbose) logExchange(client, exchange, std::chrono::steady_clock::now() - start);
+    };
+    try {
+        answer(exchange);
+    } catch (...) {  // the connection has ended, as it does when the server misbehaves
+        tell();
+        throw;
+    }
+    tell();
+}
 
-    const auto elapsed = std::chrono::steady_clock::now() - start;
+void Server::logExchange(const std::string& client, Exchange& exchange,
+                         std::chrono::steady_clock::duration elapsed) {
+    const Request& request = exchange.request;
     const std::string& query = request[QUIL_PARAM_QUERY_STRING];
     logLine(format("%s \"%s %s\" %u, %llu bytes, %.1f ms", client.c_str(),
                    printable(request[QUIL_PARAM_REQUEST_METHOD]).c_str(),

@@ -3,6 +3,7 @@
 
 #include <netinet/in.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -38,6 +39,8 @@ class Server {
     int accept(sockaddr_in& peer);  // the next connection, or -1: the server ends
     void serve(int descriptor, const sockaddr_in& peer);
     void converse(Socket& socket, const std::string& client);
+    static void logExchange(const std::string& client, Exchange& exchange,
+                            std::chrono::steady_clock::duration elapsed);
     bool enter(int descriptor);
     void leave(int descriptor, Socket& socket);
     bool isStopping();

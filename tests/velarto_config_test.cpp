@@ -17,7 +17,7 @@ using Texts = std::vector<std::string>;
 const std::string kFile =
     "[Velarto Client Definitions]\nadmin=\nshop=\n\n"
     "[shop]\nCLIENTIOTIMEOUT=30\nVELARTO_SERVER=s001,10.0.0.5,18155:s002,10.0.0.6,18155\n\n"
-    "[admin]\nVELARTO_HOST=10.0.0.7\nVELARTO_PORT=18155:18156\n\n";
+    "[admin]\nCLIENTIOTIMEOUT=30\nVELARTO_HOST=10.0.0.7\nVELARTO_PORT=18155:18156\n\n";
 
 // Without what differs from run to run, and however wide the columns are.
 std::string squeezed(const std::string& text) {
@@ -61,6 +61,9 @@ TEST_F(Config, CheckTellsTheMistakeItsPlaceAndItsRemedy) {
         {"no equals sign", "6:15: error: no = after the key", "write KEY=VALUE"},
         {"A=b\r\nno equals\r", "7:11: error: no =", "line feed alone"},
         {"[open", "6:1: error: an empty line is missing", "put an empty line"},
+        {"A=b", "5:2: warning: client 'shop' has no CLIENTIOTIMEOUT", "add CLIENTIOTIMEOUT=30"},
+        {"A=b\n =hidden", "7:1: warning: the key is empty", "remove the line"},
+        {"BROKENANSWER=short", "6:14: warning: 'short' is no value of BROKENANSWER", "write one of cut"},
         {"CLIENTIOTIMEOUT =30", "6:16: warning: a blank at the end", "no blank before"},
         {"ClientIOTimout=30", "6:1: warning: unknown key", "did you mean CLIENTIOTIMEOUT?"},
         {"CLIENTIOTIMEOUT=30s", "6:17: warning: '30s' is not a number of seconds; it reads as 30", "digits"},
@@ -107,12 +110,15 @@ TEST_F(Config, CheckGoesOnAfterAnErrorAndCountsWhatTheGatewayRefuses) {
          ": 2 sections, 4 errors, 0 warnings" + refused},
         {list + "gone=\n\n[shop]\n",
          {"client 'gone' has no section", "client 'shop' has no servers"},
-         ": 2 sections, 1 error, 1 warning\n"},
+         ": 2 sections, 1 error, 2 warnings\n"},
+        {list + shop + "CLIENTIOTIMEOUT=9\n junk",
+         {":7:2: warning: the gateway ignores the last line"},
+         ": 2 sections, 0 errors, 1 warning\n"},
         // The caret counts characters.
         {list + "\n[shop]\nVELARTO_SERVER=\xC3\xA4\xC3\xB6,1:x\n",
          {" | VELARTO_SERVER=\xC3\xA4\xC3\xB6,1:x\n      |                     ^\n"},
-         ": 2 sections, 1 error, 0 warnings\n"},
-        {"\xEF\xBB\xBF" + list + shop, {}, ": 1 section, 1 error, 0 warnings" + refused},
+         ": 2 sections, 1 error, 1 warning\n"},
+        {"\xEF\xBB\xBF" + list + shop, {}, ": 1 section, 1 error, 1 warning" + refused},
     };
     for (const auto& [content, findings, end] : files) {
         writeFile(clientsFile(), content);
@@ -138,6 +144,7 @@ TEST_F(Config, WhatIsThereIsShown) {
          {"\"key\": \"CLIENTIOTIMEOUT\",\n      \"value\": \"30\",\n      \"origin\": \"line 6\"\n"}},
         {{"servers", "admin"}, {" 10.0.0.7 ", " 18155\n", " 18156\n"}},
         {{"--help"}, {"servers", "remove"}},
+        {{"--version"}, {"velarto-config (Velarto) 5.5.020\n"}},
     };
     for (const auto& [arguments, parts] : shown) {
         const Outcome outcome = config(arguments);
@@ -156,11 +163,12 @@ TEST_F(Config, ChangesLeaveTheOtherSectionsAlone) {
         {{"set", "shop", "PARSEFILEPATHS", "yes"},
          {"CLIENTIOTIMEOUT=30\n", "CLIENTIOTIMEOUT=30\nPARSEFILEPATHS=yes\n"}},
         {{"set", "shop", "clientiotimeout", "20"}, {"CLIENTIOTIMEOUT=30\n", "CLIENTIOTIMEOUT=20\n"}},
-        {{"unset", "shop", "CLIENTIOTIMEOUT"}, {"CLIENTIOTIMEOUT=20\n", ""}},
+        {{"unset", "shop", "CLIENTIOTIMEOUT", "--force"}, {"CLIENTIOTIMEOUT=20\n", ""}},
         {{"set", "shop", "ERROR_HTML", "/a\nb\\", "--force"},
          {"PARSEFILE", "ERROR_HTML=/a\\nb\\\\\nPARSEFILE"}},
-        {{"remove", "admin"}, {"[admin]\nVELARTO_HOST=10.0.0.7\nVELARTO_PORT=18155:18156\n\n", ""}},
-        {{"add", "news", "--server", "h,1"}, {"18155\n\n", "18155\n\n[news]\nVELARTO_SERVER=h,1\n\n"}},
+        {{"remove", "admin"}, {kFile.substr(kFile.find("[admin]")), ""}},
+        {{"add", "news", "--server", "h,1"},
+         {"18155\n\n", "18155\n\n[news]\nCLIENTIOTIMEOUT=30\nVELARTO_SERVER=h,1\n\n"}},
     };
     std::string expected = kFile;
     for (const auto& [arguments, change] : changes) {
@@ -174,17 +182,20 @@ TEST_F(Config, ChangesLeaveTheOtherSectionsAlone) {
 }
 
 TEST_F(Config, AFileThatTheGatewayCannotReadIsRefusedAndStaysAsItIs) {
-    const std::string bad = "[shop]\nx\n";
-    writeFile(clientsFile(), bad);
-    for (const Texts& arguments : {Texts{"list"},
-                                   {"show", "shop"},
-                                   {"servers", "shop"},
-                                   {"try", "shop", "/"},
-                                   {"add", "new"},
-                                   {"remove", "shop"},
-                                   {"set", "shop", "DOCUMENTPATH", "x"},
-                                   {"unset", "shop", "CLIENTIOTIMEOUT"}})
-        expectRefusal(config(arguments), ":2:2: no = after", bad);
+    const std::pair<std::string, std::string> files[] = {
+        {"[shop]\nx\n", ":2:2: no = after"}, {"[admin]\n\n[shop\nA=b\n\n[c]\n", ":3:2: no ] after"}};
+    for (const auto& [bad, reason] : files) {
+        writeFile(clientsFile(), bad);
+        for (const Texts& arguments : {Texts{"list"},
+                                       {"show", "shop"},
+                                       {"servers", "shop"},
+                                       {"try", "shop", "/"},
+                                       {"add", "new"},
+                                       {"remove", "shop"},
+                                       {"set", "shop", "DOCUMENTPATH", "x"},
+                                       {"unset", "shop", "CLIENTIOTIMEOUT"}})
+            expectRefusal(config(arguments), reason, bad);
+    }
     writeFile(clientsFile(), "");
     expectRefusal(config({"check"}), ": the file is empty", "");
 }
@@ -209,7 +220,12 @@ TEST_F(Config, ARequestThatWouldDoHarmIsRefusedAndNothingChanges) {
         {kFile, {"try", "shop", "/", "--data", "none"}, "the body none: No such file or directory\n"},
         {kFile, {"try", "shop", "/", "--header", "a:b\nc"}, "has a control character: 'a:b\\x0Ac'"},
         {kFile, {"try", "shop", "x"}, "the path begins with '/' or '?', not as 'x'\n"},
-        {kFile, {"nonsense"}, "; --help tells"},
+        {kFile + "junk",
+         {"set", "shop", "CLIENTIOTIMEOUT", "5"},
+         ":14:1: the file is written anew, without its last"},
+        {kFile + "[Admin]\nA=b\n", {"remove", "admin", "--force"}, ":14:2: this section of the same name"},
+        {kFile + "[a]\n =b\n", {"add", "new", "--force"}, ":15:1: the file cannot be written anew with this"},
+        {kFile, {"nonsense"}, "no command 'nonsense'; --help tells"},
     };
     for (const auto& [content, arguments, reason] : cases) {
         writeFile(clientsFile(), content);
