@@ -118,7 +118,7 @@ TEST_F(Servers, LeavePeersThatMisbehave) {
 }
 
 TEST_F(Servers, DevelopmentServerMisbehavesWhenAllowedTo) {
-    DevServer server({"--misbehave"});
+    DevServer server({"--misbehave", "--verbose"});
     const auto answer = [&server](const std::string& path, const std::string& query) {
         wire::Request request;
         request["PATH_INFO"] = path;
@@ -139,6 +139,7 @@ TEST_F(Servers, DevelopmentServerMisbehavesWhenAllowedTo) {
     for (const std::size_t size : {1u, 11u, 50u})
         EXPECT_EQ(answer("/", "cut=" + std::to_string(size)).size(), size);
     EXPECT_EQ(server.end(), "");
+    EXPECT_TRUE(contains(server.out(), " \" /misbehave?how=close-now\" 0, 0 bytes, "));
 }
 
 TEST_F(Servers, DevelopmentServerBoundsConnectionsAndTheirSilence) {

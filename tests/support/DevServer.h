@@ -35,6 +35,7 @@ class AppServer {
     }
 
     std::uint16_t port() const { return port_; }
+    std::string out() const { return process_->out(); }  // so far
 
     // Ends it by SIGTERM, whatever is under way; all its complaints.
     std::string end() {
