@@ -206,7 +206,7 @@ class Inspection {
             case KeyKind::kTruth:
                 return inspectTruth(value);
             case KeyKind::kNumber:
-                return inspectSeconds(value);
+                return key == &key::CLIENTIOTIMEOUT ? inspectSeconds(value) : inspectNumber(*key, value);
             case KeyKind::kWord:
                 return inspectWord(*key, value);
             case KeyKind::kExtensions:
@@ -271,6 +271,15 @@ class Inspection {
                  "the gateway ends after 300 seconds in any case, so " + text + " has no effect there",
                  "write 300 or less");
         }
+    }
+
+    void inspectNumber(const ClientKey& key, const PlacedText& value) {
+        Stanza section("");
+        section.addValue(key.name, value.text.c_str());
+        if (value.text.empty() || NumberValue(section, key) != 0) return;
+        warn(value.place, quoted(value.text) + " is no value of " + key.name,
+             "write a number from " + std::to_string(key.least) + " to " + std::to_string(key.most) +
+                 ", in " + key.unit + ", or remove the key");
     }
 
     void inspectWord(const ClientKey& key, const PlacedText& value) {

@@ -51,6 +51,7 @@ std::string meaningOf(const OutlineSection& section, const ClientKey& key, const
         case KeyKind::kTruth:
             return IsTrueValue(stanza, key) ? "yes" : "no";
         case KeyKind::kNumber: {
+            if (&key != &key::CLIENTIOTIMEOUT) return NumberValue(stanza, key) != 0 ? value : key.byDefault;
             const std::uint32_t seconds = ReadWriteTimeoutOf(stanza) / 1000;
             return seconds != 0 ? std::to_string(seconds) : key.byDefault;
         }

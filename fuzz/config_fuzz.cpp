@@ -12,6 +12,7 @@
 
 #include "Fuzz.h"
 #include "config/ConfigFile.h"
+#include "config/ConfigParser.h"
 
 namespace {
 

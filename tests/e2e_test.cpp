@@ -3,13 +3,16 @@
 #include <fcntl.h>
 
 #include <cstdio>
+#include <deque>
 #include <filesystem>
 #include <future>
 #include <map>
 #include <regex>
+#include <set>
 #include <tuple>
 
 #include "client/QuilClientError.h"
+#include "net/Socket.h"
 #include "protocol/ServerSelection.h"
 #include "support/Gateway.h"
 
@@ -293,6 +296,91 @@ TEST_F(Gateway, ErrorPageOfTheOperatorIsFilledIn) {
     EXPECT_NE(builtIn.find("Tried connecting to Velarto Server"), std::string::npos) << builtIn;
 }
 
+// Nobody could put more than one field, or one line, into the log.
+TEST_F(Gateway, LogHasALineForEachFailureOrRequest) {
+    const DeadPort dead;
+    ScriptedPeer& server = serve(answering(kAnswer));
+    const auto logOf = [this](const std::string& servers, const std::string& lines) {
+        configure(servers, "HTTPSTATUS=1\n" + lines);
+        Process gateway(
+            command({"PATH_INFO=/a\" code=0\nb\\", "REQUEST_METHOD=POST", "UNIQUE_ID=id"}, "body"));
+        return gateway.wait(20s).err;
+    };
+    const std::string start =
+        " client=\"shop\" request=\"id\" method=\"POST\" path=\"/a\\\" code=0\\x0Ab\\\\\" server=";
+    const std::string up = entry(server.port()), down = entry(dead.port());
+    const std::string refused = "\"" + down + "\" choice=only failed=\"" + down + ": Connection refused\"";
+    const std::tuple<std::string, std::string, Texts> cases[] = {
+        {down, "CLIENTLOG=stderr\n", {start + refused, " code=602 status=503 waiting_for=connection\n"}},
+        {up,
+         "CLIENTLOG=stderr,all\n",
+         {"\"" + up + "\" choice=only connect_ms=", " bytes_in=4 bytes_out=", " code=0\n"}},
+        {up, "CLIENTLOG=stderr\nSERVERCHOICE=best\n", {" code=0 ignored=\"SERVERCHOICE\"\n"}},
+        {down, "CLIENTLOG=stderr\nERRORPAGE=/no\n", {" unreadable=\"/no\"\n"}},
+    };
+    for (const auto& [servers, lines, parts] : cases) {
+        const std::string log = logOf(servers, lines);
+        EXPECT_TRUE(std::regex_search(log, std::regex("^time=[0-9]{4}-[0-9-]{5}T[0-9:]{8}\\.[0-9]{3}Z ")))
+            << log;
+        EXPECT_EQ(log.find('\n'), log.size() - 1) << log;
+        for (const std::string& part : parts)
+            EXPECT_NE(log.find(part), std::string::npos) << part << log;
+    }
+    for (const char* lines : {"", "CLIENTLOG=off\n", "CLIENTLOG=loud\n"})
+        EXPECT_EQ(logOf(down, lines), "") << lines;
+    EXPECT_EQ(logOf(up, "CLIENTLOG=stderr\n"), "");
+}
+
+TEST_F(Gateway, WaitsAsLongAsTheSectionSays) {
+    const DeadPort dead;
+    ScriptedPeer& stalled =
+        serve([](Connection& connection) { connection.receiveRequest(), connection.stall(); });
+    const std::string up = entry(stalled.port());
+    const std::pair<std::string, std::string> cases[] = {
+        {up, "ANSWERTIMEOUT=1\n"},
+        {entry(dead.port()) + ":" + entry(dead.port()) + ":" + up, "CLIENTIOTIMEOUT=1\nKEEPIOTIMEOUT=1\n"},
+    };
+    for (const auto& [servers, lines] : cases) {
+        configure(servers, lines);
+        EXPECT_EQ(run().exitStatus, 605 & 0xFF) << lines;
+    }
+    // A queue that is full: nobody takes the connections.
+    const LoopbackPort deaf;
+    ASSERT_EQ(::listen(deaf.get(), 0), 0);
+    std::deque<Socket> waiting;
+    while (waiting.empty() || waiting.back().IsActive()) {
+        waiting.emplace_back().CreateSocket(AF_INET, nullptr, nullptr);
+        waiting.back().Connect("127.0.0.1", deaf.port(), 100);
+    }
+    configure(entry(deaf.port()), "CONNECTTIMEOUT=50\nCLIENTLOG=stderr\n");
+    const std::string log = Process(command()).wait(20s).err;
+    EXPECT_NE(log.find(": no answer in 50 ms\""), std::string::npos) << log;
+}
+
+TEST_F(Gateway, OrderOfServersDiffersWithinASecondWhereItIsRandom) {
+    std::string list = ",0";
+    for (int i = 1; i < 50; ++i)
+        list += ":," + std::to_string(i);
+    configure(list, "SERVERCHOICE=random\n");
+    std::set<std::string> pages;
+    for (int i = 0; i < 6; ++i)
+        pages.insert(run().out);
+    EXPECT_GT(pages.size(), 1u);  // the same page six times has a chance of one in 300 million
+}
+
+TEST_F(Gateway, CookiesOfItsNamesAreItsOwnWhereTheSectionSaysSo) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"a=1; VelartoClient=x;velarto_cgiip = 1 ; b=2", "a=1; b=2; VelartoClient=shop"},
+        {"VelartoClient; VelartoClients=x", " VelartoClients=x; VelartoClient=shop"},
+        {"VelartoClient=x", "VelartoClient=shop"},
+    };
+    for (const auto& [cookies, expected] : cases) {
+        ScriptedPeer& server = serveAlone(kAnswer, "OWNCOOKIES=yes\n");
+        expectSuccess(run({"HTTP_COOKIE=" + cookies}), kAnswerOutput);
+        EXPECT_EQ(server.onlyVisit().request["HTTP_COOKIE"], expected);
+    }
+}
+
 TEST_F(Gateway, FailedHeadOfAnNphProgramHasNoBody) {
     const DeadPort dead;
     configure(entry(dead.port()));
@@ -433,7 +521,8 @@ TEST_F(Gateway, ServersAreTriedInTheOrderOfTheSecond) {
     using Clock = std::chrono::system_clock;  // glibc's time() is some milliseconds behind musl's
     for (std::time_t second = 0; second != Clock::to_time_t(Clock::now());) {
         second = std::time(nullptr);
-        servers.getEntry((ServerSelection(servers, {}).end() - 1)->entry, last);
+        servers.getEntry((ServerSelection(servers, {}, static_cast<std::uint32_t>(second)).end() - 1)->entry,
+                         last);
         outcome = run();
     }
     expectPage(outcome, 602, "Tried connecting to Velarto Server for client shop on "s + last.GetTextEx());

@@ -63,6 +63,8 @@ TEST_F(Config, CheckTellsTheMistakeItsPlaceAndItsRemedy) {
         {"[open", "6:1: error: an empty line is missing", "put an empty line"},
         {"A=b", "5:2: warning: client 'shop' has no CLIENTIOTIMEOUT", "add CLIENTIOTIMEOUT=30"},
         {"A=b\n =hidden", "7:1: warning: the key is empty", "remove the line"},
+        {"CONNECTTIMEOUT=49", "6:16: warning: '49' is no value of CONNECTTIMEOUT",
+         "a number from 50 to 60000"},
         {"BROKENANSWER=short", "6:14: warning: 'short' is no value of BROKENANSWER", "write one of cut"},
         {"CLIENTIOTIMEOUT =30", "6:16: warning: a blank at the end", "no blank before"},
         {"ClientIOTimout=30", "6:1: warning: unknown key", "did you mean CLIENTIOTIMEOUT?"},

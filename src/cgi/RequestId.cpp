@@ -1,13 +1,10 @@
 #include "cgi/RequestId.h"
 
-#include <sys/random.h>
-#include <unistd.h>
-
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
+
+#include "platform/random_impl.h"
 
 namespace {
 
@@ -20,15 +17,6 @@ bool isPlain(const char* name) {
     return length != 0 && length < sizeof requestId && std::strspn(name, kAlphabet) == length;
 }
 
-// Without random numbers at hand the time and the process will do: the name only has to differ from its neighbours'.
-std::uint64_t randomNumber() {
-    std::uint64_t number = 0;
-    if (getrandom(&number, sizeof number, GRND_NONBLOCK) == sizeof number) return number;
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<std::uint64_t>(now.tv_nsec) << 32 | static_cast<std::uint32_t>(getpid());
-}
-
 }  // namespace
 
 const char* RequestId() {
@@ -38,7 +26,7 @@ const char* RequestId() {
         std::strcpy(requestId, given);
     } else {
         std::snprintf(requestId, sizeof requestId, "%016llx",
-                      static_cast<unsigned long long>(randomNumber()));
+                      static_cast<unsigned long long>(RandomNumber()));
     }
     return requestId;
 }

@@ -83,18 +83,19 @@ bool ResponseWriter::finish() {
 
 bool ResponseWriter::write(iovec* parts, int count) {
     for (int i = 0; i < count; ++i)
-        hasBegun_ = hasBegun_ || parts[i].iov_len != 0;
+        bytesWritten_ += parts[i].iov_len;
     return WriteOSFile(fd_, parts, count) || !settings_.cutsBrokenAnswers;
 }
 
 // In one piece, as any output: the C library's stream would lose what an interrupted or blocked write had.
 void ResponseWriter::writeErrorPage(std::uint32_t code, HttpStatus status) {
-    if (settings_.cutsBrokenAnswers && hasBegun_) return;
+    if (settings_.cutsBrokenAnswers && hasBegun()) return;
     if (settings_.cutsBrokenAnswers || settings_.sendsHttpStatus) held_.Clear();
     finish();
 
-    const bool tellsStatus = settings_.sendsHttpStatus && !hasBegun_;
+    const bool tellsStatus = settings_.sendsHttpStatus && !hasBegun();
     const ErrorPage page(code, status, settings_.errorPage, settings_.errorPage.IsEmpty() ? "" : RequestId());
+    lacksErrorPage_ = page.isBuiltIn() && !settings_.errorPage.IsEmpty();
     char shortPage[512];
     const char* text = page.text();
     if (*text == '\0') {  // there was no memory to put it together

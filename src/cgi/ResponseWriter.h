@@ -34,13 +34,18 @@ class ResponseWriter {
     // is written once something has gone out.
     void writeErrorPage(std::uint32_t code, HttpStatus status);
 
+    std::uint64_t bytesWritten() const { return bytesWritten_; }  // or given up in a failed write
+    bool lacksErrorPage() const { return lacksErrorPage_; }       // ERRORPAGE could not be read
+
   private:
+    bool hasBegun() const { return bytesWritten_ != 0; }
     bool write(iovec* parts, int count);
     bool hold(const CText& statusField, const char* bytes, std::uint32_t length);
 
     const int fd_;
     bool isNph_ = false;
-    bool hasBegun_ = false;  // something has gone out, or was to
+    bool lacksErrorPage_ = false;
+    std::uint64_t bytesWritten_ = 0;
     ResponseSettings settings_;
     CData held_;
 };

@@ -13,6 +13,7 @@
 #include "Server/General/FixedText.h"
 #include "cgi/ByHand.h"
 #include "cgi/NphLines.h"
+#include "cgi/RequestLog.h"
 #include "cgi/ResponseWriter.h"
 #include "client/QuilClientError.h"
 #include "platform/memory_impl.h"
@@ -26,6 +27,7 @@ constexpr unsigned kLongestRun = 300;  // seconds, then the alarm ends the proce
 char StanzaName[256];  // the program's base name: the client's name
 
 ResponseWriter response(STDOUT_FILENO);
+RequestLog requestLog;
 
 // The CGI variable of each parameter that has one, in id order.
 struct ParamVariable {
@@ -75,14 +77,16 @@ void setAlarm() {
 // What stood there stays open under another number until the process ends. A prefork Apache reads standard
 // error beside the output. Where nothing but the end of the output wakes it, it often does so before the
 // process is dead, finds it alive, and waits 47 ms.
-void closeStandardError() {
-    fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+// Returns that number, -1 when nothing stood there.
+int closeStandardError() {
+    const int kept = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     close(STDERR_FILENO);
     int null;
     do {
         null = open("/dev/null", O_RDWR);
     } while (null >= 0 && null < STDERR_FILENO);
     if (null > STDERR_FILENO) close(null);
+    return kept;
 }
 
 void setStanzaName(const char* programPath) {
@@ -125,18 +129,26 @@ bool lacksLength() {
 }
 
 // One request from the environment set-up to the end of the response; 0 or the client error code.
-int serveRequest(const char* programPath) {
+int serveRequest(const char* programPath, int standardError) {
     if (!VeClientInitEnvironment(true, nullptr, StanzaName)) {
         response.writeErrorPage(CLIENT_ERR_ENVIRONMENT, kInternalServerError);
         return CLIENT_ERR_ENVIRONMENT;
     }
     const ResponseSettings settings = ResponseSettings::load();
     response.setSettings(settings);
+    requestLog.open(settings, StanzaName, standardError);
 
     ve_hrequest_t* request = nullptr;
     ve_hclient_t* connection = VeClientCreateConnection(0);
+    std::uint32_t bodySize = 0;
+    const auto end = [&](int code, HttpStatus status) {
+        requestLog.write({code, status, QuilClient::CastHandleToQuilClient(connection), bodySize,
+                          response.bytesWritten(), response.lacksErrorPage()});
+        return code;
+    };
     const auto fail = [&](QuilClientErrorCode code, HttpStatus status) {
         response.writeErrorPage(code, status);
+        end(static_cast<int>(code), status);
         VeClientFreeRequest(connection, request);
         VeClientDestroyConnection(connection);
         return static_cast<int>(code);
@@ -150,13 +162,17 @@ int serveRequest(const char* programPath) {
     HttpStatus refusal = kInternalServerError;
     request = PrepareVelartoRequest(connection, programPath, &refusal);
     if (request == nullptr) return fail(CLIENT_ERR_PREPARE, refusal);
+    VeRequestGetPostArgData(request, &bodySize);
+    requestLog.enter(RequestLog::kConnection);
     if (!VeClientConnectToServer(connection, request)) return fail(CLIENT_ERR_CONNECT, kServiceUnavailable);
+    requestLog.enter(RequestLog::kSending);
     if (!VeClientSendRequest(connection, request)) return failInTalk(CLIENT_ERR_SEND);
+    requestLog.enter(RequestLog::kAnswer);
     VeClientFreeRequest(connection, request);
     request = nullptr;
     if (!VeClientDispatchRequests(connection, VeClientDispatchCB, nullptr))
         return failInTalk(CLIENT_ERR_DISPATCH);
-    return 0;  // the connection ends with the process
+    return end(0, {200, "OK"});  // the connection ends with the process
 }
 
 }  // namespace
@@ -194,6 +210,7 @@ ve_hrequest_t* PrepareVelartoRequest(ve_hclient_t* connection, const char* comma
 
 bool VeClientDispatchCB(ve_hclient_t* /*connection*/, TQUILReqType type, const char* data,
                         std::uint32_t length, void* /*user*/) {
+    requestLog.enter(RequestLog::kRest);
     switch (type) {
         case QUIL_HTTP_HEADER:
             return response.writeHeader(data, length);
@@ -210,11 +227,11 @@ int main(int argc, char** argv) {
     if (AnswerByHand(argc, argv)) return 0;
     std::set_new_handler(endWithoutMemory);
     setAlarm();
-    closeStandardError();
+    const int standardError = closeStandardError();
     const char* programPath = argc > 0 ? argv[0] : "";
     setStanzaName(programPath);
     response.setNph(IsNphName(StanzaName));
-    const int code = serveRequest(programPath);
+    const int code = serveRequest(programPath, standardError);
 
     // The end of the process closes standard output in the same breath as it ends: a web server that sees the
     // end of the output while the process still lives may wait for it.

@@ -3,12 +3,17 @@
 
 #include "Server/Common_Classes/UText.h"
 
+enum class LogTarget { kNone, kStandardError, kSystemLogger };
+
 // Without a key everything is off: the response as it always was.
 struct ResponseSettings {
-    bool cutsBrokenAnswers = false;  // BROKENANSWER=cut
-    bool sendsHttpStatus = false;    // HTTPSTATUS
-    bool needsLength = false;        // NEEDLENGTH
-    CText errorPage;                 // ERRORPAGE, a path
+    bool cutsBrokenAnswers = false;    // BROKENANSWER=cut
+    bool sendsHttpStatus = false;      // HTTPSTATUS
+    bool needsLength = false;          // NEEDLENGTH
+    CText errorPage;                   // ERRORPAGE, a path
+    LogTarget log = LogTarget::kNone;  // CLIENTLOG
+    bool logsAll = false;              // every request, not failures alone
+    CText ignoredKeys;  // with a log: those whose values are none that they take, joined with ","
 
     // Those of the loaded section; the defaults when none is loaded.
     static ResponseSettings load();

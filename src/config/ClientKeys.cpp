@@ -22,3 +22,30 @@ bool IsWordValue(Stanza& section, const ClientKey& key, const char* word) {
     CText value;
     return section.getValue(key.name, value) && value == word;
 }
+
+namespace {
+
+bool isOneOf(const CText& value, const char* words) {
+    for (const char* word = words; *word != '\0';) {
+        const std::size_t length = std::strcspn(word, "|");
+        if (value == CText(word, static_cast<std::uint32_t>(length))) return true;
+        word += length + (word[length] == '|' ? 1 : 0);
+    }
+    return false;
+}
+
+}  // namespace
+
+CText& ListIgnoredKeys(Stanza& section, CText& out) {
+    out.Clear();
+    CText value;
+    for (const ClientKey* key : kClientKeys) {
+        if (!section.getValue(key->name, value) || value.IsEmpty()) continue;
+        const bool isIgnored = (key->kind == KeyKind::kWord && !isOneOf(value, key->words)) ||
+                               (key->kind == KeyKind::kNumber && NumberValue(section, *key) == 0);
+        if (!isIgnored) continue;
+        if (!out.IsEmpty()) out += ',';
+        out += key->name;
+    }
+    return out;
+}

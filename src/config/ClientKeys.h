@@ -41,10 +41,29 @@ inline constexpr ClientKey CLIENTIOTIMEOUT{"CLIENTIOTIMEOUT",
                                            "seconds",
                                            1,
                                            4294967};
+inline constexpr ClientKey KEEPIOTIMEOUT{"KEEPIOTIMEOUT", KeyKind::kTruth, "no",
+                                         "CLIENTIOTIMEOUT holds after a failed attempt, too"};
+inline constexpr ClientKey CONNECTTIMEOUT{"CONNECTTIMEOUT",
+                                          KeyKind::kNumber,
+                                          "1000",
+                                          "how long each server may take to accept",
+                                          "milliseconds",
+                                          50,
+                                          60000};
+inline constexpr ClientKey ANSWERTIMEOUT{
+    "ANSWERTIMEOUT", KeyKind::kNumber, "", "how long the answer's first byte may take", "seconds", 1, 3600};
+inline constexpr ClientKey SERVERCHOICE{
+    "SERVERCHOICE", KeyKind::kWord, "", "order of the servers, but for the user's own", "", 0, 0, "random"};
+inline constexpr ClientKey OWNCOOKIES{"OWNCOOKIES", KeyKind::kTruth, "no",
+                                      "take cookies of the gateway's names out of what browsers send"};
 inline constexpr ClientKey FORCE_SERVER_ARG_NAME{"FORCE_SERVER_ARG_NAME", KeyKind::kText, "",
                                                  "query argument that selects a server by its id"};
 inline constexpr ClientKey PARSEFILEPATHS{"PARSEFILEPATHS", KeyKind::kTruth, "no",
                                           "read \\ as / in the paths of files that the server asks for"};
+inline constexpr ClientKey CLIENTLOG{"CLIENTLOG", KeyKind::kWord,
+                                     "off",       "a line for each failure, or request",
+                                     "",          0,
+                                     0,           "off|stderr|stderr,all|syslog|syslog,all"};
 inline constexpr ClientKey HTTPSTATUS{"HTTPSTATUS", KeyKind::kTruth, "no",
                                       "tell the web server the status of answers and of failures"};
 inline constexpr ClientKey ERRORPAGE{"ERRORPAGE", KeyKind::kReadableFile, "",
@@ -68,10 +87,13 @@ inline constexpr ClientKey REPORTCLIENTERROR{"REPORTCLIENTERROR", KeyKind::kTrut
 
 // All of them, in the order in which people are shown them.
 inline constexpr const ClientKey* kClientKeys[] = {
-    &key::VELARTO_SERVER,        &key::VELARTO_HOST,   &key::VELARTO_PORT,      &key::CLIENTIOTIMEOUT,
-    &key::FORCE_SERVER_ARG_NAME, &key::PARSEFILEPATHS, &key::HTTPSTATUS,        &key::ERRORPAGE,
-    &key::BROKENANSWER,          &key::NEEDLENGTH,     &key::DOCUMENTPATH,      &key::REGISTER_EXTNS,
-    &key::SENDFULLHEADER,        &key::ERROR_HTML,     &key::REPORTCLIENTERROR,
+    &key::VELARTO_SERVER,  &key::VELARTO_HOST,   &key::VELARTO_PORT,
+    &key::CLIENTIOTIMEOUT, &key::KEEPIOTIMEOUT,  &key::CONNECTTIMEOUT,
+    &key::ANSWERTIMEOUT,   &key::SERVERCHOICE,   &key::FORCE_SERVER_ARG_NAME,
+    &key::OWNCOOKIES,      &key::PARSEFILEPATHS, &key::CLIENTLOG,
+    &key::HTTPSTATUS,      &key::ERRORPAGE,      &key::BROKENANSWER,
+    &key::NEEDLENGTH,      &key::DOCUMENTPATH,   &key::REGISTER_EXTNS,
+    &key::SENDFULLHEADER,  &key::ERROR_HTML,     &key::REPORTCLIENTERROR,
 };
 
 // A truth value is true when it begins with one of these.
@@ -85,3 +107,6 @@ std::uint32_t NumberValue(Stanza& section, const ClientKey& key);
 
 // Whether the section gives the key this word.
 bool IsWordValue(Stanza& section, const ClientKey& key, const char* word);
+
+// Fills out with the keys of words and numbers that have a value which is none of theirs, joined with ",".
+CText& ListIgnoredKeys(Stanza& section, CText& out);

@@ -1,17 +1,20 @@
 #include "protocol/QuilClient.h"
 
+#include <strings.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "Server/Common_Classes/MemoryWatch.h"
 #include "Server/General/FirstInPlace.h"
 #include "Server/General/FixedText.h"
 #include "config/ClientKeys.h"
 #include "platform/FileContent.h"
+#include "platform/random_impl.h"
 
 namespace {
 
@@ -32,6 +35,33 @@ long hexNumber(const char* digits, std::size_t count) {
     char text[8] = {};
     std::memcpy(text, digits, std::min(count, sizeof text - 1));
     return std::strtol(text, nullptr, 16);
+}
+
+constexpr char kClientCookie[] = "VelartoClient";
+constexpr char kRouteCookie[] = "Velarto_CGIIP";
+
+// Whether the cookie, up to length, has that name; letter case and blanks around it do not count.
+bool isCookie(const char* cookie, std::size_t length, const char* name) {
+    const std::size_t blanks = std::strspn(cookie, " \t");
+    const std::size_t nameLength = std::strlen(name);
+    if (blanks + nameLength > length || strncasecmp(cookie + blanks, name, nameLength) != 0) return false;
+    const char* behind = cookie + blanks + nameLength;
+    behind += std::strspn(behind, " \t");
+    return behind >= cookie + length || *behind == '=';
+}
+
+// The cookies of a request's field but for those of the gateway's names, which it writes itself.
+void copyForeignCookies(const char* cookies, CText& out) {
+    out.Clear();
+    for (const char* cookie = cookies; *cookie != '\0';) {
+        const std::size_t length = std::strcspn(cookie, ";");
+        if (!isCookie(cookie, length, kClientCookie) && !isCookie(cookie, length, kRouteCookie)) {
+            if (!out.IsEmpty()) out += ';';
+            out += CText(cookie, static_cast<std::uint32_t>(length));
+        }
+        cookie += length;
+        if (*cookie == ';') ++cookie;
+    }
 }
 
 bool isUserRef(const CText& text) {
@@ -70,6 +100,7 @@ bool QuilClient::ConnectToQuilServer(TQuilRequest* request, Stanza* clientSectio
     // another one.
     const MemoryWatch memory;
     setClientName(clientName);
+    settings_ = ConnectionSettings(*clientSection);
     return connectToChosenServer(request, *clientSection) && !memory.ranOut();
 }
 
@@ -82,7 +113,9 @@ bool QuilClient::connectToChosenServer(const TQuilRequest* request, Stanza& clie
     ServerWishes wishes;
     readWishes(*request, clientSection, wishes);
     addRouteCookie_ = wishes.forcedSid.IsEmpty();
-    for (const auto& [entry, choice] : ServerSelection(servers, wishes)) {
+    const auto seed = static_cast<std::uint32_t>(
+        settings_.choosesAtRandom ? RandomNumber() : static_cast<std::uint64_t>(std::time(nullptr)));
+    for (const auto& [entry, choice] : ServerSelection(servers, wishes, seed)) {
         servers.getEntry(entry, serverEntry_);
         if (choice == ServerChoice::kRandom && serverEntry_.IsEmpty()) continue;
         const ServerEntry server(serverEntry_.GetTextEx());
@@ -94,7 +127,19 @@ bool QuilClient::connectToChosenServer(const TQuilRequest* request, Stanza& clie
 
 bool QuilClient::attempt(ServerChoice choice, const ServerEntry& entry) {
     choice_ = choice;
-    return connectToServer(entry.host(), entry.port());
+    failureReason_.Clear();
+    if (connectToServer(entry.host(), entry.port())) return true;
+    if (!settings_.namesFailures) return false;
+    if (!failedAttempts_.IsEmpty()) failedAttempts_ += "; ";
+    failedAttempts_ += serverEntry_;
+    failedAttempts_ += ": ";
+    failedAttempts_ += failureReason_;
+    return false;
+}
+
+bool QuilClient::failConnection(const char* reason) {
+    failureReason_ = reason;
+    return false;
 }
 
 // A forced server, or the user's: whoever forces a server wants that one.
@@ -171,12 +216,16 @@ bool QuilClient::processUserRef(CText& sid, CText& ip, CText& port) const {
 }
 
 CText& QuilClient::AddVelartoCookieWithIP(const CText& cookies, CText& out) {
-    out = cookies;
+    if (settings_.takesOwnCookiesOut) {
+        copyForeignCookies(cookies.GetTextEx(), out);
+    } else {
+        out = cookies;
+    }
     if (!out.IsEmpty()) out += "; ";
-    out += "VelartoClient=";
+    out.AppendFormat("%s=", kClientCookie);
     out += clientName_;
     if (addRouteCookie_) {
-        out += "; Velarto_CGIIP=";
+        out.AppendFormat("; %s=", kRouteCookie);
         appendRoute(out);
     }
     return out;
@@ -222,12 +271,21 @@ bool QuilClient::SendQuilRequest(TQuilRequest* request) {
     return marshallFooter();
 }
 
+bool QuilClient::receiveFirstHeader(std::uint32_t& type, std::uint32_t& version) {
+    if (settings_.answerTimeout == 0) return unmarshallHeader(type, version);
+    const std::uint32_t usual = SetReadWriteTimeout(settings_.answerTimeout);
+    const bool received = unmarshallHeader(type, version);
+    SetReadWriteTimeout(usual);
+    return received;
+}
+
 bool QuilClient::DispatchQuilRequests(DispatchCallback callback, void* user, bool parseFilePaths) {
-    for (;;) {
+    for (bool isFirst = true;; isFirst = false) {
         payload_.Clear();
         std::uint32_t type = 0;
         std::uint32_t version = 0;
-        if (!unmarshallHeader(type, version) || version != QUIL_PROTOCOL_VERSION) return false;
+        const bool received = isFirst ? receiveFirstHeader(type, version) : unmarshallHeader(type, version);
+        if (!received || version != QUIL_PROTOCOL_VERSION) return false;
 
         switch (type) {
             case QUIL_BODY_DATA:

@@ -10,6 +10,7 @@
 #include "config/Attribute.h"
 #include "config/Stanza.h"
 #include "platform/ValidityTag.h"
+#include "protocol/ConnectionSettings.h"
 #include "protocol/QuilRequest.h"
 #include "protocol/QuilTypes.h"
 #include "protocol/ServerSelection.h"
@@ -39,7 +40,8 @@ class QuilClient : public DripClient {
     // result code when there is no such regular file, or it is empty or unreadable.
     virtual bool processFileRequest(CText& path, bool parseFilePaths);
 
-    // Connects to one server; on success the server's address and port are recorded with setServer().
+    // Connects to one server; on success the server's address and port are recorded with setServer(), else
+    // failConnection() is told why.
     virtual bool connectToServer(const char* host, const char* port) = 0;
 
     // Chooses a server from the section's list and connects: the only one; else the one that the query string
@@ -76,7 +78,7 @@ class QuilClient : public DripClient {
     // Decodes it: the SID of the short form, address and port of the long one; texts that it does not hold
     // are left.
     bool processUserRef(CText& sid, CText& ip, CText& port) const;
-    // out = cookies plus "VelartoClient=" and, when several servers were to choose from, "Velarto_CGIIP=".
+    // out = cookies (without those of the gateway's names where the section wants that) plus "VelartoClient=" and, when several servers were to choose from, "Velarto_CGIIP=".
     // Returns out.
     CText& AddVelartoCookieWithIP(const CText& cookies, CText& out);
 
@@ -91,6 +93,8 @@ class QuilClient : public DripClient {
     // The scratch buffer, at least 5120 bytes, cut back to 32767 unless more is asked for.
     CData& GetScratchBuffer(std::uint32_t size);
 
+    // The attempts that failed, "entry: reason" each, joined with "; ", where the section wants a log.
+    const CText& failedAttempts() const { return failedAttempts_; }
     ServerChoice choice() const { return choice_; }            // of the server tried last
     const CText& serverEntry() const { return serverEntry_; }  // the whole list, or the element taken up last
     const char* sid() const { return sid_; }
@@ -104,11 +108,17 @@ class QuilClient : public DripClient {
     // Records the connected server: the texts as configured, and where the connection really leads.
     void setServer(const char* addressText, const char* portText, std::uint32_t address, std::uint16_t port);
 
+    const ConnectionSettings& settings() const { return settings_; }
+
+    // Notes why a connection failed; always false.
+    bool failConnection(const char* reason);
+
   private:
     bool connectToChosenServer(const TQuilRequest* request, Stanza& clientSection);
     bool attempt(ServerChoice choice, const ServerEntry& entry);
     void readWishes(const TQuilRequest& request, Stanza& clientSection, ServerWishes& wishes);
     void appendRoute(CText& out) const;
+    bool receiveFirstHeader(std::uint32_t& type, std::uint32_t& version);
 
     using HandleTag = ValidityTag<4212>;
     HandleTag handleTag_{this};
@@ -116,6 +126,9 @@ class QuilClient : public DripClient {
     CText payload_;  // of the message being served; its memory serves every one
     CText clientName_;
     CText serverEntry_;
+    ConnectionSettings settings_;
+    CText failureReason_;
+    CText failedAttempts_;
     char sid_[kFieldSize] = {};
     char serverIP_[kAddressSize] = {};
     char serverPort_[kFieldSize] = {};

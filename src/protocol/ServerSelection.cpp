@@ -3,7 +3,6 @@
 #include <strings.h>
 
 #include <cstring>
-#include <ctime>
 #include <new>
 
 #include "Server/General/AdditiveRandom.h"
@@ -18,7 +17,7 @@ bool isUsers(const char* text, const ServerWishes& wishes) {
 
 }  // namespace
 
-ServerSelection::ServerSelection(const ServerList& servers, const ServerWishes& wishes) {
+ServerSelection::ServerSelection(const ServerList& servers, const ServerWishes& wishes, std::uint32_t seed) {
     const std::uint32_t n = servers.size();
     turns_.reset(new (std::nothrow) Turn[2 * std::size_t{n} + 1]);  // the user's may be all
     if (turns_ == nullptr) return;
@@ -26,7 +25,7 @@ ServerSelection::ServerSelection(const ServerList& servers, const ServerWishes& 
         addForced(servers, wishes.forcedSid);
     } else {
         addUsers(servers, wishes);
-        addRandom(n);
+        addRandom(n, seed);
     }
 }
 
@@ -48,11 +47,11 @@ void ServerSelection::addUsers(const ServerList& servers, const ServerWishes& wi
     }
 }
 
-void ServerSelection::addRandom(std::uint32_t n) {
+void ServerSelection::addRandom(std::uint32_t n, std::uint32_t seed) {
     const std::unique_ptr<bool[]> isTaken(new (std::nothrow) bool[n]());
     if (isTaken == nullptr) return;
     const std::uint32_t usersLast = count_ != 0 ? turns_[count_ - 1].entry : n;
-    AdditiveRandom random(static_cast<std::uint32_t>(std::time(nullptr)));
+    AdditiveRandom random(seed);
     for (std::uint32_t turn = 0; turn < n; ++turn) {
         std::uint32_t i = random.next() % n;
         while (isTaken[i])

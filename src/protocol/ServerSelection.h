@@ -19,7 +19,7 @@ struct ServerWishes {
 
 // The turns of a request, in their order. A forced server has the only one: the first entry of its SID, else the last
 // of the list. Without it those of the user's server come first, in the order of the list; then every entry, in an
-// order that the second of the clock decides, but for the user's last. Turns are missing when there is no memory.
+// order that the seed decides, but for the user's last. Turns are missing when there is no memory.
 class ServerSelection {
   public:
     struct Turn {
@@ -27,7 +27,7 @@ class ServerSelection {
         ServerChoice choice;
     };
 
-    ServerSelection(const ServerList& servers, const ServerWishes& wishes);
+    ServerSelection(const ServerList& servers, const ServerWishes& wishes, std::uint32_t seed);
 
     const Turn* begin() const { return turns_.get(); }
     const Turn* end() const { return turns_.get() + count_; }
@@ -35,7 +35,7 @@ class ServerSelection {
   private:
     void addForced(const ServerList& servers, const CText& sid);
     void addUsers(const ServerList& servers, const ServerWishes& wishes);
-    void addRandom(std::uint32_t n);
+    void addRandom(std::uint32_t n, std::uint32_t seed);
     void add(std::uint32_t entry, ServerChoice choice) { turns_[count_++] = {entry, choice}; }
 
     std::unique_ptr<Turn[]> turns_;

@@ -4,12 +4,12 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 namespace {
 
-constexpr std::uint32_t kConnectTimeout = 1000;         // milliseconds
 constexpr std::uint32_t kLargestTransfer = 0x40000000;  // bytes; a count of them is a positive int
 
 std::uint16_t portNumber(const char* text) {
@@ -25,20 +25,44 @@ SocCGIQuilClient::SocCGIQuilClient() {
 bool SocCGIQuilClient::connectToServer(const char* host, const char* port) {
     CText address;
     const char* addressText = Socket::castToIP(host, address, false);
-    if (addressText == nullptr || address.IsEmpty() || address.Length() >= kAddressSize) return false;
-    if (!socket_.CreateSocket(AF_INET, nullptr, nullptr)) return false;
+    if (addressText == nullptr || address.IsEmpty() || address.Length() >= kAddressSize)
+        return failConnection("no such host");
+    if (!socket_.CreateSocket(AF_INET, nullptr, nullptr))
+        return failConnection(std::strerror(socket_.GetLastError()));
 
     sockaddr_in peer{};
     socklen_t peerSize = sizeof peer;
-    if (!socket_.Connect(addressText, portNumber(port), kConnectTimeout) ||
+    if (!socket_.Connect(addressText, portNumber(port), settings().connectTimeout) ||
         getpeername(socket_.GetDescriptor(), reinterpret_cast<sockaddr*>(&peer), &peerSize) != 0) {
-        socket_.DestroySocket();
-        return false;
+        return dropSocket();
     }
     ahead_.Clear();
     aheadPosition_ = 0;
     setServer(addressText, port, ntohl(peer.sin_addr.s_addr), ntohs(peer.sin_port));
     return true;
+}
+
+// The socket goes, and its time-out with it, unless the section wants to keep that. Always false.
+bool SocCGIQuilClient::dropSocket() {
+    CText reason;
+    if (settings().namesFailures) describeFailure(reason);
+    const std::uint32_t timeout = settings().keepsReadWriteTimeout ? socket_.SetReadWriteTimeout(0) : 0;
+    socket_.DestroySocket();
+    if (timeout != 0) socket_.SetReadWriteTimeout(timeout);
+    return failConnection(reason.GetTextEx());
+}
+
+// Why the socket found no peer.
+void SocCGIQuilClient::describeFailure(CText& reason) const {
+    int cause = socket_.GetLastError();
+    socklen_t size = sizeof cause;
+    // A refusal shows as a socket that is writable and has no peer.
+    if (cause == 0) getsockopt(socket_.GetDescriptor(), SOL_SOCKET, SO_ERROR, &cause, &size);
+    if (cause == ETIMEDOUT) {
+        reason.Format("no answer in %u ms", settings().connectTimeout);
+    } else {
+        reason = std::strerror(cause);
+    }
 }
 
 std::uint32_t SocCGIQuilClient::readFromTransport(void* dst, std::uint32_t len) {

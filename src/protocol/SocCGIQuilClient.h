@@ -25,7 +25,8 @@ class SocCGIQuilClient : public QuilClient {
     // connection attempt sets it back to the default.
     std::uint32_t SetReadWriteTimeout(std::uint32_t milliseconds) override;
 
-    // A dotted address or a name, and a decimal port. The connection must stand within 1000 ms.
+    // A dotted address or a name, and a decimal port. The connection must stand within the section's
+    // CONNECTTIMEOUT, 1000 ms without one.
     bool connectToServer(const char* host, const char* port) override;
     using QuilClient::connectToServer;
 
@@ -37,6 +38,8 @@ class SocCGIQuilClient : public QuilClient {
     // call.
     static constexpr std::uint32_t kReadAhead = 65536;
 
+    bool dropSocket();
+    void describeFailure(CText& reason) const;
     std::uint32_t receive(void* dst, std::uint32_t len);
 
     Socket socket_;

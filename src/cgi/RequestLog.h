@@ -1,0 +1,45 @@
+// RequestLog: one line in logfmt about a request, on the web server's error log or in the system logger.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+
+#include "Server/Common_Classes/UText.h"
+#include "cgi/HttpStatus.h"
+#include "client/ResponseSettings.h"
+#include "protocol/QuilClient.h"
+
+// What the line tells of how a request ended.
+struct RequestEnd {
+    int code;                  // the client error code, 0 for a whole answer
+    HttpStatus status;         // of a failure
+    const QuilClient* client;  // null when there was none
+    std::uint64_t bytesIn;     // of the request's body
+    std::uint64_t bytesOut;    // to the web server
+    bool lacksErrorPage;       // ERRORPAGE could not be read
+};
+
+// Follows a request from step to step, and writes its line at the end when the client's section wants one. Without a
+// log nothing is done and no clock is read. A line that cannot be written is lost: a log never changes a response, and
+// never waits.
+class RequestLog {
+  public:
+    // What is being waited for.
+    enum Step { kBody, kConnection, kSending, kAnswer, kRest, kSteps };
+
+    // standardError: the descriptor that stood there at the start; -1: there was none. The settings outlive the log.
+    void open(const ResponseSettings& settings, const char* client, int standardError);
+    void enter(Step step);
+    void write(const RequestEnd& end);
+
+  private:
+    bool isOn() const { return settings_ != nullptr && settings_->log != LogTarget::kNone; }
+    CText lineOf(const RequestEnd& end) const;
+    void appendTime(CText& line, const char* name, Step from, Step to) const;
+
+    const ResponseSettings* settings_ = nullptr;
+    const char* client_ = "";
+    int standardError_ = -1;
+    Step step_ = kBody;
+    timespec entered_[kSteps] = {};  // zero: that step was never come to
+};
