@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -11,6 +12,8 @@
 #include "Probe.h"
 #include "client/ConfigClnt.h"
 #include "common/Text.h"
+#include "protocol/ConnectionSettings.h"
+#include "protocol/ServerState.h"
 
 namespace {
 
@@ -27,6 +30,7 @@ struct Result {
     ServerEntry entry;
     std::string fault;           // of the entry
     std::optional<Probe> probe;  // none was asked for, or is possible
+    std::string absence;         // that the gateways know of; empty when there is none
 
     bool answers() const { return probe && probe->fault.empty(); }
 };
@@ -37,12 +41,26 @@ void showProgress(const std::string& text) {
     if (isWatched) std::cerr << "\r\x1B[K" << text << std::flush;
 }
 
-std::vector<Result> resultsOf(const ServerList& servers, const Options& options) {
+// What the gateways of this machine know of a server that they leave out.
+std::string absenceOf(const ServerEntry& entry, const ServerState& state) {
+    ServerState::Absence absence{};
+    if (!state.getAbsence(entry, absence)) return "";
+    const char* reason =
+        absence.reason == ServerState::kNoSuchHost ? "no such host" : std::strerror(absence.reason);
+    return format("left out for %.1f s: %s", static_cast<double>(absence.milliseconds) / 1000, reason);
+}
+
+std::vector<Result> resultsOf(const OutlineSection& section, const Options& options) {
     std::vector<Result> results;
+    const ServerList servers = serversOf(section);
+    Stanza stanza = stanzaOf(section);
+    const ConnectionSettings settings(stanza, section.name.text.c_str());
+    ServerState state;
+    if (settings.retryAfter != 0) state.open(settings.statePath.GetTextEx(), ServerState::kRead);
     for (std::uint32_t i = 0; i < servers.size(); ++i) {
         const std::string text = textOf(servers, i);
         const ServerEntry entry(text.c_str());
-        Result result{text, entry, faultOf(entry), std::nullopt};
+        Result result{text, entry, faultOf(entry), std::nullopt, absenceOf(entry, state)};
         if (options.probe && result.fault.empty()) {
             showProgress(format("probing %u of %u: ", i + 1, servers.size()) + shown(text));
             result.probe = probe(entry.host(), entry.port(), options.timeout);
@@ -55,9 +73,11 @@ std::vector<Result> resultsOf(const ServerList& servers, const Options& options)
 
 std::string verdict(const Result& result) {
     if (!result.fault.empty()) return "cannot be used: " + shown(result.fault);
-    if (!result.probe) return "";
+    if (!result.probe) return result.absence;
     const std::string time = textOf(result.probe->time);
-    return result.answers() ? "answers after " + time : "fails after " + time + ": " + result.probe->fault;
+    const std::string answer =
+        result.answers() ? "answers after " + time : "fails after " + time + ": " + result.probe->fault;
+    return answer + (result.absence.empty() ? "" : "; " + result.absence);
 }
 
 void printTable(const std::vector<Result>& results) {
@@ -84,6 +104,7 @@ Json jsonOf(const Result& result) {
     const ServerEntry& entry = result.entry;
     Json json{{"entry", result.text}, {"sid", entry.sid()}, {"host", entry.host()}, {"port", entry.port()}};
     json["usable"] = result.fault.empty();
+    if (!result.absence.empty()) json["absence"] = result.absence;
     if (!result.fault.empty()) json["fault"] = result.fault;
     if (!result.probe) return json;
     json["answers"] = result.answers();
@@ -94,7 +115,7 @@ Json jsonOf(const Result& result) {
 
 int listServers(const Request& request, const Options& options) {
     const std::vector<Result> results =
-        resultsOf(serversOf(Snapshot::faultless(request).client(options.client)), options);
+        resultsOf(Snapshot::faultless(request).client(options.client), options);
     const auto fine = std::count_if(results.begin(), results.end(), [&](const Result& result) {
         return options.probe ? result.answers() : result.fault.empty();
     });

@@ -368,6 +368,22 @@ TEST_F(Gateway, OrderOfServersDiffersWithinASecondWhereItIsRandom) {
     EXPECT_GT(pages.size(), 1u);  // the same page six times has a chance of one in 300 million
 }
 
+// The user's server is left out by the gateways that come after the one that did not reach it.
+TEST_F(Gateway, ServerThatWasNotReachedIsLeftOut) {
+    const DeadPort dead;
+    ScriptedPeer& server = serve(answering(kAnswer));
+    const std::string servers = "s001," + entry(dead.port()) + ":s002," + entry(server.port());
+    configure(servers, "CLIENTLOG=stderr,all\nSERVERRETRY=3600\nSTATEPATH=" + folder_ / "state\n");
+    const std::string failed = " failed=\"s001," + entry(dead.port()) + ": Connection refused\"";
+    for (const bool isFirst : {true, false, false}) {
+        const Outcome outcome =
+            Process(command({"HTTP_COOKIE=Velarto_UserReference=s001" + std::string(24, 'x')})).wait(20s);
+        EXPECT_EQ(outcome.out, kAnswerOutput);
+        EXPECT_EQ(outcome.err.find(failed) != std::string::npos, isFirst) << outcome.err;
+    }
+    server.visits();
+}
+
 TEST_F(Gateway, CookiesOfItsNamesAreItsOwnWhereTheSectionSaysSo) {
     const std::pair<std::string, std::string> cases[] = {
         {"a=1; VelartoClient=x;velarto_cgiip = 1 ; b=2", "a=1; b=2; VelartoClient=shop"},

@@ -54,6 +54,11 @@ inline constexpr ClientKey ANSWERTIMEOUT{
     "ANSWERTIMEOUT", KeyKind::kNumber, "", "how long the answer's first byte may take", "seconds", 1, 3600};
 inline constexpr ClientKey SERVERCHOICE{
     "SERVERCHOICE", KeyKind::kWord, "", "order of the servers, but for the user's own", "", 0, 0, "random"};
+inline constexpr ClientKey SERVERRETRY{
+    "SERVERRETRY", KeyKind::kNumber, "", "how long a server that was not reached is left out", "seconds", 1,
+    3600};
+inline constexpr ClientKey STATEPATH{"STATEPATH", KeyKind::kText, "/run/velarto/CLIENT.state",
+                                     "file in which gateways tell each other of them"};
 inline constexpr ClientKey OWNCOOKIES{"OWNCOOKIES", KeyKind::kTruth, "no",
                                       "take cookies of the gateway's names out of what browsers send"};
 inline constexpr ClientKey FORCE_SERVER_ARG_NAME{"FORCE_SERVER_ARG_NAME", KeyKind::kText, "",
@@ -87,13 +92,29 @@ inline constexpr ClientKey REPORTCLIENTERROR{"REPORTCLIENTERROR", KeyKind::kTrut
 
 // All of them, in the order in which people are shown them.
 inline constexpr const ClientKey* kClientKeys[] = {
-    &key::VELARTO_SERVER,  &key::VELARTO_HOST,   &key::VELARTO_PORT,
-    &key::CLIENTIOTIMEOUT, &key::KEEPIOTIMEOUT,  &key::CONNECTTIMEOUT,
-    &key::ANSWERTIMEOUT,   &key::SERVERCHOICE,   &key::FORCE_SERVER_ARG_NAME,
-    &key::OWNCOOKIES,      &key::PARSEFILEPATHS, &key::CLIENTLOG,
-    &key::HTTPSTATUS,      &key::ERRORPAGE,      &key::BROKENANSWER,
-    &key::NEEDLENGTH,      &key::DOCUMENTPATH,   &key::REGISTER_EXTNS,
-    &key::SENDFULLHEADER,  &key::ERROR_HTML,     &key::REPORTCLIENTERROR,
+    &key::VELARTO_SERVER,
+    &key::VELARTO_HOST,
+    &key::VELARTO_PORT,
+    &key::CLIENTIOTIMEOUT,
+    &key::KEEPIOTIMEOUT,
+    &key::CONNECTTIMEOUT,
+    &key::ANSWERTIMEOUT,
+    &key::SERVERCHOICE,
+    &key::SERVERRETRY,
+    &key::STATEPATH,
+    &key::FORCE_SERVER_ARG_NAME,
+    &key::OWNCOOKIES,
+    &key::PARSEFILEPATHS,
+    &key::CLIENTLOG,
+    &key::HTTPSTATUS,
+    &key::ERRORPAGE,
+    &key::BROKENANSWER,
+    &key::NEEDLENGTH,
+    &key::DOCUMENTPATH,
+    &key::REGISTER_EXTNS,
+    &key::SENDFULLHEADER,
+    &key::ERROR_HTML,
+    &key::REPORTCLIENTERROR,
 };
 
 // A truth value is true when it begins with one of these.

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "Server/Common_Classes/UText.h"
 #include "config/Stanza.h"
 
 // Without a key each is what it always was.
@@ -13,8 +14,10 @@ struct ConnectionSettings {
     bool keepsReadWriteTimeout = false;  // after a failed attempt; KEEPIOTIMEOUT
     bool choosesAtRandom = false;        // instead of by the second; SERVERCHOICE=random
     bool takesOwnCookiesOut = false;     // those of the gateway's names that browsers send; OWNCOOKIES
+    std::uint32_t retryAfter = 0;        // milliseconds that a server is left out; 0: never; SERVERRETRY
+    CText statePath;                     // STATEPATH; empty without retryAfter
     bool namesFailures = false;          // for CLIENTLOG
 
     ConnectionSettings() = default;
-    explicit ConnectionSettings(Stanza& section);
+    ConnectionSettings(Stanza& section, const CText& clientName);
 };

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
+#include <new>
 
 #include "Server/Common_Classes/MemoryWatch.h"
 #include "Server/General/FirstInPlace.h"
@@ -15,6 +17,7 @@
 #include "config/ClientKeys.h"
 #include "platform/FileContent.h"
 #include "platform/random_impl.h"
+#include "protocol/ServerState.h"
 
 namespace {
 
@@ -100,7 +103,7 @@ bool QuilClient::ConnectToQuilServer(TQuilRequest* request, Stanza* clientSectio
     // another one.
     const MemoryWatch memory;
     setClientName(clientName);
-    settings_ = ConnectionSettings(*clientSection);
+    settings_ = ConnectionSettings(*clientSection, clientName_);
     return connectToChosenServer(request, *clientSection) && !memory.ranOut();
 }
 
@@ -115,19 +118,46 @@ bool QuilClient::connectToChosenServer(const TQuilRequest* request, Stanza& clie
     addRouteCookie_ = wishes.forcedSid.IsEmpty();
     const auto seed = static_cast<std::uint32_t>(
         settings_.choosesAtRandom ? RandomNumber() : static_cast<std::uint64_t>(std::time(nullptr)));
-    for (const auto& [entry, choice] : ServerSelection(servers, wishes, seed)) {
-        servers.getEntry(entry, serverEntry_);
-        if (choice == ServerChoice::kRandom && serverEntry_.IsEmpty()) continue;
-        const ServerEntry server(serverEntry_.GetTextEx());
-        if (choice == ServerChoice::kUsers) setSID(wishes.usersSid.IsEmpty() ? "" : server.sid());
-        if (attempt(choice, server)) return true;
+    const ServerSelection turns(servers, wishes, seed);
+    ServerState state;
+    if (settings_.retryAfter != 0) state.open(settings_.statePath.GetTextEx(), ServerState::kShare);
+    enum Offer : char { kNotYet, kLeftOut, kFailed };
+    const std::unique_ptr<Offer[]> offers(new (std::nothrow) Offer[servers.size()]());
+    if (offers == nullptr) return false;
+    for (const auto& [entry, choice] : turns) {
+        const ServerEntry server(servers.getEntry(entry, serverEntry_).GetTextEx());
+        if (choice != ServerChoice::kForced && state.leavesOut(server, settings_.retryAfter)) {
+            if (offers[entry] == kNotYet) offers[entry] = kLeftOut;
+            continue;
+        }
+        if (offer(choice, server, wishes, state)) return true;
+        offers[entry] = kFailed;
+    }
+    // All that are not out have failed, too: better a server that may be back than none.
+    for (const auto& [entry, choice] : turns) {
+        if (offers[entry] != kLeftOut) continue;
+        const ServerEntry server(servers.getEntry(entry, serverEntry_).GetTextEx());
+        if (offer(choice, server, wishes, state)) return true;
+        offers[entry] = kFailed;
     }
     return false;
 }
 
+bool QuilClient::offer(ServerChoice choice, const ServerEntry& server, const ServerWishes& wishes,
+                       ServerState& state) {
+    if (choice == ServerChoice::kRandom && serverEntry_.IsEmpty()) return false;
+    if (choice == ServerChoice::kUsers) setSID(wishes.usersSid.IsEmpty() ? "" : server.sid());
+    const bool isConnected = attempt(choice, server);
+    if (isConnected) {
+        state.setIn(server);
+    } else {
+        state.setOut(server, settings_.retryAfter, failureCause_);
+    }
+    return isConnected;
+}
+
 bool QuilClient::attempt(ServerChoice choice, const ServerEntry& entry) {
     choice_ = choice;
-    failureReason_.Clear();
     if (connectToServer(entry.host(), entry.port())) return true;
     if (!settings_.namesFailures) return false;
     if (!failedAttempts_.IsEmpty()) failedAttempts_ += "; ";
@@ -137,7 +167,8 @@ bool QuilClient::attempt(ServerChoice choice, const ServerEntry& entry) {
     return false;
 }
 
-bool QuilClient::failConnection(const char* reason) {
+bool QuilClient::failConnection(int cause, const char* reason) {
+    failureCause_ = cause;
     failureReason_ = reason;
     return false;
 }

@@ -14,6 +14,7 @@
 #include "protocol/QuilRequest.h"
 #include "protocol/QuilTypes.h"
 #include "protocol/ServerSelection.h"
+#include "protocol/ServerState.h"
 #include "wire/DripClient.h"
 
 // Splits a server entry, "host,port" or "sid,host,port", into three fields of 32 bytes each, NUL-terminated.
@@ -110,11 +111,13 @@ class QuilClient : public DripClient {
 
     const ConnectionSettings& settings() const { return settings_; }
 
-    // Notes why a connection failed; always false.
-    bool failConnection(const char* reason);
+    // Notes why a connection failed, an errno value or ServerState::kNoSuchHost, and in words; always false.
+    bool failConnection(int cause, const char* reason);
 
   private:
     bool connectToChosenServer(const TQuilRequest* request, Stanza& clientSection);
+    bool offer(ServerChoice choice, const ServerEntry& server, const ServerWishes& wishes,
+               ServerState& state);
     bool attempt(ServerChoice choice, const ServerEntry& entry);
     void readWishes(const TQuilRequest& request, Stanza& clientSection, ServerWishes& wishes);
     void appendRoute(CText& out) const;
@@ -127,6 +130,7 @@ class QuilClient : public DripClient {
     CText clientName_;
     CText serverEntry_;
     ConnectionSettings settings_;
+    int failureCause_ = 0;
     CText failureReason_;
     CText failedAttempts_;
     char sid_[kFieldSize] = {};

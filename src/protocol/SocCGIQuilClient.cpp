@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "protocol/ServerState.h"
+
 namespace {
 
 constexpr std::uint32_t kLargestTransfer = 0x40000000;  // bytes; a count of them is a positive int
@@ -26,9 +28,11 @@ bool SocCGIQuilClient::connectToServer(const char* host, const char* port) {
     CText address;
     const char* addressText = Socket::castToIP(host, address, false);
     if (addressText == nullptr || address.IsEmpty() || address.Length() >= kAddressSize)
-        return failConnection("no such host");
-    if (!socket_.CreateSocket(AF_INET, nullptr, nullptr))
-        return failConnection(std::strerror(socket_.GetLastError()));
+        return failConnection(ServerState::kNoSuchHost, "no such host");
+    if (!socket_.CreateSocket(AF_INET, nullptr, nullptr)) {
+        const int cause = socket_.GetLastError();
+        return failConnection(cause, std::strerror(cause));
+    }
 
     sockaddr_in peer{};
     socklen_t peerSize = sizeof peer;
@@ -44,25 +48,22 @@ bool SocCGIQuilClient::connectToServer(const char* host, const char* port) {
 
 // The socket goes, and its time-out with it, unless the section wants to keep that. Always false.
 bool SocCGIQuilClient::dropSocket() {
-    CText reason;
-    if (settings().namesFailures) describeFailure(reason);
+    const bool isAsked = settings().namesFailures || settings().retryAfter != 0;
+    const int cause = isAsked ? causeOfFailure() : 0;
+    CText reason(std::strerror(cause));
+    if (cause == ETIMEDOUT) reason.Format("no answer in %u ms", settings().connectTimeout);
     const std::uint32_t timeout = settings().keepsReadWriteTimeout ? socket_.SetReadWriteTimeout(0) : 0;
     socket_.DestroySocket();
     if (timeout != 0) socket_.SetReadWriteTimeout(timeout);
-    return failConnection(reason.GetTextEx());
+    return failConnection(cause, reason.GetTextEx());
 }
 
-// Why the socket found no peer.
-void SocCGIQuilClient::describeFailure(CText& reason) const {
+// Why the socket found no peer, an errno value. A refusal shows as a socket that is writable and has none.
+int SocCGIQuilClient::causeOfFailure() const {
     int cause = socket_.GetLastError();
     socklen_t size = sizeof cause;
-    // A refusal shows as a socket that is writable and has no peer.
     if (cause == 0) getsockopt(socket_.GetDescriptor(), SOL_SOCKET, SO_ERROR, &cause, &size);
-    if (cause == ETIMEDOUT) {
-        reason.Format("no answer in %u ms", settings().connectTimeout);
-    } else {
-        reason = std::strerror(cause);
-    }
+    return cause;
 }
 
 std::uint32_t SocCGIQuilClient::readFromTransport(void* dst, std::uint32_t len) {

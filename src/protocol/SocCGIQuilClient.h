@@ -39,7 +39,7 @@ class SocCGIQuilClient : public QuilClient {
     static constexpr std::uint32_t kReadAhead = 65536;
 
     bool dropSocket();
-    void describeFailure(CText& reason) const;
+    int causeOfFailure() const;
     std::uint32_t receive(void* dst, std::uint32_t len);
 
     Socket socket_;
