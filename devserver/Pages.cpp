@@ -78,13 +78,15 @@ void showRequest(Exchange& exchange) {
     TableRows rows;
     for (std::uint32_t id = 0; id < QUIL_PARAM_NONE; ++id)
         rows.emplace_back(FindQuilParamName(static_cast<TQUILReqParamID>(id)), request.parameters[id]);
+    const GatewayCookies gateway(request[QUIL_PARAM_HTTP_COOKIE]);
     std::string fileTime = "No file is there, or no path was given.";
     if (request.fileTime != 0)
         fileTime = format("Modified %u seconds after 1970-01-01 UTC.", request.fileTime);
     showHtml(exchange, ResponseHeader(), "The request as it arrived",
-             tableHtml("Parameter", "Value", rows) + "<h2>Body</h2>\n" +
-                 paragraph(countBytes(request.body.size())) + "<h2>File in PATH_TRANSLATED</h2>\n" +
-                 paragraph(fileTime) + pageList(exchange));
+             tableHtml("Parameter", "Value", rows) + "<h2>Cookies of the gateway</h2>\n" +
+                 tableHtml("Cookie", "Value", {{"client", gateway.client}, {"route", gateway.route}}) +
+                 "<h2>Body</h2>\n" + paragraph(countBytes(request.body.size())) +
+                 "<h2>File in PATH_TRANSLATED</h2>\n" + paragraph(fileTime) + pageList(exchange));
 }
 
 std::string multipartTable(const std::vector<FormPart>& parts) {

@@ -73,6 +73,21 @@ std::string Request::path() const {
     return path.empty() ? "/" : path;
 }
 
+GatewayCookies::GatewayCookies(std::string_view cookies) {
+    while (!cookies.empty()) {
+        // Whatever quotes say: a browser's could hide what follows.
+        std::string_view value = takeUpTo(cookies, ";");
+        value.remove_prefix(std::min(value.find_first_not_of(' '), value.size()));
+        const std::string_view name = takeUpTo(value, "=");
+        if (name == "VelartoClient") {
+            client = value;
+            route.clear();  // what came before is the browser's word
+        } else if (name == "Velarto_CGIIP") {
+            route = value;
+        }
+    }
+}
+
 Arguments::Arguments(std::string_view encoded) {
     while (!encoded.empty()) {
         std::string_view value = takeUpTo(encoded, "&");

@@ -24,6 +24,15 @@ struct Request {
     std::string path() const;  // PATH_INFO, "/" when there is none
 };
 
+// What the gateway has appended to the browser's cookies. A browser may send cookies of these names, too: the
+// gateway's are the last VelartoClient, and a Velarto_CGIIP after it.
+struct GatewayCookies {
+    explicit GatewayCookies(std::string_view cookies);
+
+    std::string client;
+    std::string route;  // empty when the gateway gave none
+};
+
 // The request asks for something impossible; what() says it to the user.
 class BadArgument : public std::runtime_error {
   public:

@@ -141,12 +141,26 @@ def answer(request):
     path = request.parameters["PATH_INFO"]
     if path in (b"", b"/"):
         values = ((name, decode(value)) for name, value in request.parameters.items())
-        return page("The request", table([("file time", str(request.file_time)), *values]))
+        client, route = map(decode, gateway_cookies(request.parameters["HTTP_COOKIE"]))
+        return page("The request", table([("file time", str(request.file_time)), *values, ("client", client),
+                                          ("route", route)]))
     if path == b"/form":
         return form(request)
     if re.fullmatch(rb"/file.*|.*\.(zaf|zhtml|zml|zcf)", path, re.DOTALL):
         return file(request, path)
     return page("Not found", status=HTTPStatus.NOT_FOUND)
+
+
+def gateway_cookies(text):
+    """Client and route that the gateway has appended to the browser's cookies; no route is an empty one."""
+    client = route = b""
+    for cookie in text.split(b";"):  # whatever quotes say: a browser's could hide what follows
+        name, _, value = cookie.strip(b" ").partition(b"=")
+        if name == b"VelartoClient":
+            client, route = value, b""  # what came before is the browser's word
+        elif name == b"Velarto_CGIIP":
+            route = value
+    return client, route
 
 
 def form(request):

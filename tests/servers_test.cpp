@@ -11,6 +11,8 @@ using namespace support;
 
 const char* const kPython = "/usr/bin/python3";
 const std::vector<std::string> kExample = {"-Xdev", "-Werror", VELARTO_EXAMPLES_PATH "/appserver.py"};
+// A browser's own, by which it claims another client and a route, and hides what follows.
+const char* const kForgedCookies = "HTTP_COOKIE=VelartoClient=forged; Velarto_CGIIP=forged; a=\"";
 const char* const kMissing = "HTTP/1.0 404 Not Found\r\nStatus: 404 Not Found\r\n";
 
 // Somebody who connects as a gateway would and sends this.
@@ -47,9 +49,12 @@ class Servers : public GatewayTest {
         configure(entry(server.port()));
         for (const auto& [path, query, part, body] : pages) {
             const std::vector<std::string> variables = {
-                "PATH_INFO=" + path, "PATH_TRANSLATED=" + folder_.path() + path, "QUERY_STRING=" + query,
+                "PATH_INFO=" + path,
+                "PATH_TRANSLATED=" + folder_.path() + path,
+                "QUERY_STRING=" + query,
                 body.empty() ? "REQUEST_METHOD=GET" : "REQUEST_METHOD=POST",
-                "CONTENT_TYPE=multipart/form-data; boundary=\"--B\""};
+                "CONTENT_TYPE=multipart/form-data; boundary=\"--B\"",
+                kForgedCookies};
             EXPECT_TRUE(contains(run(variables, body, "nph-shop").out, part));
         }
         EXPECT_EQ(server.end(), "");
@@ -63,6 +68,7 @@ TEST_F(Servers, DevelopmentServerServesPages) {
         "Content-Type: text/plain\r\n\r\n1\r\n2\r\n----B--\r\n";
     expectPages(server,
                 {{"", "<a='x'>&\"\x01\xC3\xA9\xE9", "&lt;a=&#39;x&#39;&gt;&amp;&quot;\\x01\xC3\xA9\\xE9<"},
+                 {"", "", "client</th><td>nph-shop</td></tr>\n<tr><th scope=\"row\">route</th><td></td>"},
                  {"/form", "b=%3Cb%3E+%zz", "<th scope=\"row\">b</th><td>&lt;b&gt; %zz</td>"},
                  {"/form", "", "f</th><td>a&lt;.txt (text/plain), 4 bytes\n1\r\n2</td>", upload},
                  {"/nosuch", "", kMissing},
@@ -77,6 +83,7 @@ TEST_F(Servers, ExampleServesPagesAndFiles) {
     for (const char* name : {"file.txt", "file\\..\\outside"})
         writeFile(folder_ / name, large);
     expectPages(server, {{"", "<a'\">&\xC3\xA9\xE9", ">&lt;a&#x27;&quot;&gt;&amp;\xC3\xA9\\xe9<"},
+                         {"", "", "<th>client</th><td>nph-shop</td></tr><tr><th>route</th><td></td>"},
                          {"/form", "", "<td>\xC3\xA9 &lt;b&gt;</td></tr>", "a=%C3%A9+%3Cb%3E"},
                          {"/file.txt", "", "text/plain\r\nContent-Length: 1048576\r\n\r\n" + large},
                          {"/file.none", "", kMissing},
