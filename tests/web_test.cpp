@@ -178,6 +178,12 @@ TEST_P(Web, LongBodiesComeThroughUnchanged) {
     EXPECT_TRUE(bodyOf(get("/cgi-bin/shop/echo", upload)) == bytes);
 }
 
+TEST_P(Web, UploadWithoutALengthArrivesWholeOrIsRefused) {
+    const std::string answer =
+        get("/cgi-bin/shop/echo", {"-H", "Transfer-Encoding: chunked", "--data", "text"});
+    EXPECT_TRUE(contains(answer, GetParam().name == "apache" ? "HTTP/1.1 411 " : "\r\n\r\ntext"));
+}
+
 TEST_P(Web, PiecesArriveUntilTheBrowserGoesAwayAndTheGatewayEnds) {
     // Byte by byte for an hour: a web server that waited for more would pass nothing on.
     Process browser(curl("/cgi-bin/shop/stream?pieces=36000&size=1&delay=100"));
