@@ -198,29 +198,39 @@ TEST_P(Web, ForgedLoginMakesNoUser) {
     EXPECT_TRUE(contains(get("/cgi-bin/shop/", {"-u", "admin:guess"}), ">REMOTE_USER</th><td></td>"));
 }
 
-// The status where nothing has come yet, a length that is not reached where something has; never a page in front of
-// the connection's next response.
+// The status where nothing has come yet, a length that is not reached where something has; never a page in
+// front of the connection's next response.
 TEST_P(Web, BrowserNoticesADownloadThatBreaksOff) {
-    constexpr int kPartialFile = 18;  // of curl
     if (GetParam().name == "nginx") expectComplaint("upstream prematurely closed FastCGI request");
-    const DevServer breaking({"--misbehave"});
-    configure(entry(breaking.port()), "HTTPSTATUS=yes\nBROKENANSWER=cut\n");
+    writeFile(folder_ / "htdocs/next.txt", "next");
+    const std::string header = wire::header("HTTP/1.0 200 OK\r\nContent-Length: 100000\r\n\r\n");
+    const std::string half = wire::body(std::string(50000, '.'));
     const struct {
-        std::string address;
-        int exitStatus;
+        Texts messages;
         std::string status;
+        std::string exitStatus;  // of curl; 18: the body ends short
+        std::string connects;    // 0: the next response comes over the same connection
     } cases[] = {
-        {"/cgi-bin/shop/blob?size=1000000&cut=20", 0, " 502 "},
-        {"/cgi-bin/shop/blob?size=1000000&cut=500000", kPartialFile, " 200 "},
-        {"/cgi-bin/shop/misbehave?how=close-now&at=end", 0, " 200 "},
+        {{}, " 502 ", "0", "0"},
+        {{header}, " 502 ", "0", "0"},
+        {{header, half}, " 200 ", "18", "1"},
+        {{header, half, half}, " 200 ", "0", "0"},
     };
-    const std::string server = "http://127.0.0.1:" + std::to_string(port());
+    const std::string next = "http://127.0.0.1:" + std::to_string(port()) + "/next.txt";
     for (const auto& c : cases) {
-        const Outcome outcome = support::run(curl(c.address), 70s);
-        EXPECT_EQ(outcome.exitStatus, c.exitStatus) << c.address;
-        EXPECT_EQ(outcome.out.substr(8, 5), c.status) << c.address;
-        const std::string next = support::run(curl(c.address, {server + "/cgi-bin/shop/echo"}), 70s).out;
-        EXPECT_TRUE(contains(next.substr(next.rfind("HTTP/1.1 ")), "HTTP/1.1 200 ")) << c.address;
+        SCOPED_TRACE(c.messages.size());
+        const auto breakOff = [&c](Connection& connection) {
+            connection.receiveRequest();
+            connection.serve(c.messages);
+            connection.closeSending();
+        };
+        ScriptedPeer& server = serveAlone(breakOff, "HTTPSTATUS=yes\nBROKENANSWER=cut\n");
+        const Texts more = {next, "-w", "\n%{exitcode} %{num_connects}\n"};
+        const std::string both = support::run(curl("/cgi-bin/shop", more), 70s).out;
+        EXPECT_EQ(both.substr(8, 5), c.status);
+        EXPECT_TRUE(contains(both, "\n" + c.exitStatus + " 1\n"));
+        EXPECT_EQ(bodyOf(both.substr(both.rfind("HTTP/1.1 200 "))), "next\n0 " + c.connects + "\n");
+        server.visits();
     }
 }
 
