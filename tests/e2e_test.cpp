@@ -1,6 +1,8 @@
 // End to end: what the real gateway makes of its name, environment, standard input and configuration, and of
 // what an application server sends.
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include <cstdio>
 #include <deque>
@@ -159,6 +161,61 @@ TEST_F(Gateway, FileIsSentFromWhereItsPathIsParsed) {
     };
     serveAlone(script, "PARSEFILEPATHS=Yes\n");
     expectSuccess(run(), kAnswerOutput);
+}
+
+bool hasLandlock() {
+    return ::syscall(444, nullptr, 0, 1) > 0;  // landlock_create_ruleset(), asked for its version
+}
+
+TEST_F(Gateway, FilesAreSentFromBelowTheirRootsAlone) {
+    const std::string docs = folder_ / "docs";
+    for (const char* folder : {"docs", "docs2", "docs/sub"})
+        fs::create_directory(folder_ / folder);
+    for (const char* file : {"secret", "docs2/secret", "docs/page"})
+        writeFile(folder_ / file, "content");
+    writeFile(docs + "/large", "content!");
+    fs::create_symlink("page", docs + "/inside");
+    fs::create_symlink("../secret", docs + "/outside");
+    fs::create_symlink(docs + "/page", docs + "/absolute");
+    ASSERT_EQ(::mkfifo((docs + "/pipe").c_str(), 0600), 0);
+    const std::pair<std::string, bool> files[] = {
+        {docs + "/page", true},
+        {docs + "/sub/../page", true},
+        {docs + "/inside", true},
+        {docs + "//page", true},
+        {docs + "/../secret", false},
+        {docs + "/sub/../../secret", false},
+        {folder_ / "secret", false},
+        {folder_ / "docs2/secret", false},
+        {docs + "/outside", false},
+        {docs + "/absolute", false},
+        {"/proc/self/environ", false},
+        {docs + "/pipe", false},
+        {docs, false},
+        {docs + "/", false},
+        {"page", false},
+        {docs + "/large", false},
+        {"/dev/zero", false},
+    };
+    std::promise<pid_t> started;
+    std::string status;
+    serveAlone(
+        [&](Connection& connection) {
+            connection.receiveRequest();
+            status = readFile("/proc/" + std::to_string(started.get_future().get()) + "/status");
+            for (const auto& [path, isSent] : files) {
+                connection.send(wire::fileRequest(path));
+                connection.expect(isSent ? wire::fileReply("content") : wire::fileRefused());
+            }
+            connection.serve(kAnswer);
+        },
+        "CLIENTLOG=stderr\nFILELIMIT=7\nFILEROOT=/none:" + docs + "\n");
+    Process gateway(command());
+    started.set_value(gateway.pid());
+    const Outcome outcome = gateway.wait(20s);
+    expectSuccess(outcome, kAnswerOutput);
+    EXPECT_NE(outcome.err.find(" no_file=\"" + docs + "/../secret\""), std::string::npos) << outcome.err;
+    EXPECT_EQ(status.find("NoNewPrivs:\t1") != std::string::npos, hasLandlock()) << status;
 }
 
 TEST_F(Gateway, AnswerThatBreaksOffOrIsWrongEndsInThePage) {

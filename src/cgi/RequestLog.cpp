@@ -100,9 +100,9 @@ void RequestLog::enter(Step step) {
 }
 
 void RequestLog::write(const RequestEnd& end) {
-    const bool isWanted =
-        isOn() && (settings_->logsAll || end.code != 0 || !settings_->ignoredKeys.IsEmpty());
-    if (!isWanted) return;
+    if (!isOn()) return;
+    const bool hasRefused = end.client != nullptr && !end.client->refusedFile().IsEmpty();
+    if (!settings_->logsAll && end.code == 0 && !hasRefused && settings_->ignoredKeys.IsEmpty()) return;
     CText line = lineOf(end);
     if (line.Length() > kLongestLine) line.SetUsableDataSize(kLongestLine + 1);
     if (settings_->log == LogTarget::kSystemLogger) {
@@ -142,6 +142,8 @@ CText RequestLog::lineOf(const RequestEnd& end) const {
     if (end.code != 0) line.AppendFormat(" status=%d waiting_for=%s", end.status.code, kStepNames[step_]);
     if (end.client != nullptr && end.code != 0 && end.client->transportError() != 0)
         appendValue(line, "error", std::strerror(end.client->transportError()));
+    if (end.client != nullptr && !end.client->refusedFile().IsEmpty())
+        appendValue(line, "no_file", end.client->refusedFile().GetTextEx());
     if (end.lacksErrorPage) appendValue(line, "unreadable", settings_->errorPage.GetTextEx());
     if (!settings_->ignoredKeys.IsEmpty()) appendValue(line, "ignored", settings_->ignoredKeys.GetTextEx());
     return line;

@@ -16,6 +16,7 @@
 #include "cgi/RequestLog.h"
 #include "cgi/ResponseWriter.h"
 #include "client/QuilClientError.h"
+#include "platform/confine_impl.h"
 #include "platform/memory_impl.h"
 #include "platform/osfile_impl.h"
 #include "protocol/QuilClient.h"
@@ -165,6 +166,9 @@ int serveRequest(const char* programPath, int standardError) {
     VeRequestGetPostArgData(request, &bodySize);
     requestLog.enter(RequestLog::kConnection);
     if (!VeClientConnectToServer(connection, request)) return fail(CLIENT_ERR_CONNECT, kServiceUnavailable);
+    // All that is still read are the files that the server asks for, and the page of a failure.
+    if (!settings.fileRoots.IsEmpty())
+        ConfineFiles(settings.fileRoots.GetTextEx(), settings.errorPage.GetTextEx());
     requestLog.enter(RequestLog::kSending);
     if (!VeClientSendRequest(connection, request)) return failInTalk(CLIENT_ERR_SEND);
     requestLog.enter(RequestLog::kAnswer);

@@ -23,6 +23,7 @@ ResponseSettings ResponseSettings::load() {
     settings.sendsHttpStatus = IsTrueValue(*configStanza, key::HTTPSTATUS);
     settings.needsLength = IsTrueValue(*configStanza, key::NEEDLENGTH);
     configStanza->getValue(key::ERRORPAGE.name, settings.errorPage);
+    configStanza->getValue(key::FILEROOT.name, settings.fileRoots);
     readLog(*configStanza, settings);
     return settings;
 }

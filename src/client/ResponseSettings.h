@@ -11,6 +11,7 @@ struct ResponseSettings {
     bool sendsHttpStatus = false;      // HTTPSTATUS
     bool needsLength = false;          // NEEDLENGTH
     CText errorPage;                   // ERRORPAGE, a path
+    CText fileRoots;                   // FILEROOT, folders
     LogTarget log = LogTarget::kNone;  // CLIENTLOG
     bool logsAll = false;              // every request, not failures alone
     CText ignoredKeys;  // with a log: those whose values are none that they take, joined with ","

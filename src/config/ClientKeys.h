@@ -65,6 +65,11 @@ inline constexpr ClientKey FORCE_SERVER_ARG_NAME{"FORCE_SERVER_ARG_NAME", KeyKin
                                                  "query argument that selects a server by its id"};
 inline constexpr ClientKey PARSEFILEPATHS{"PARSEFILEPATHS", KeyKind::kTruth, "no",
                                           "read \\ as / in the paths of files that the server asks for"};
+inline constexpr ClientKey FILEROOT{"FILEROOT", KeyKind::kText, "",
+                                    "folders below which the server may ask for files, joined with :"};
+inline constexpr ClientKey FILELIMIT{
+    "FILELIMIT", KeyKind::kNumber, "", "size of the largest file that the server may have", "bytes",
+    1,           4294967295};
 inline constexpr ClientKey CLIENTLOG{"CLIENTLOG", KeyKind::kWord,
                                      "off",       "a line for each failure, or request",
                                      "",          0,
@@ -105,6 +110,8 @@ inline constexpr const ClientKey* kClientKeys[] = {
     &key::FORCE_SERVER_ARG_NAME,
     &key::OWNCOOKIES,
     &key::PARSEFILEPATHS,
+    &key::FILEROOT,
+    &key::FILELIMIT,
     &key::CLIENTLOG,
     &key::HTTPSTATUS,
     &key::ERRORPAGE,

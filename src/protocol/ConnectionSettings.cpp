@@ -14,6 +14,8 @@ ConnectionSettings::ConnectionSettings(Stanza& section, const CText& clientName)
         section.getValue(key::STATEPATH.name, statePath);
         if (statePath.IsEmpty()) statePath.Format("/run/velarto/%s.state", clientName.GetTextEx());
     }
+    section.getValue(key::FILEROOT.name, fileRoots);
+    fileLimit = NumberValue(section, key::FILELIMIT);
     CText log;
     section.getValue(key::CLIENTLOG.name, log);
     namesFailures = !log.IsEmpty() && !(log == "off");

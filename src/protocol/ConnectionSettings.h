@@ -16,6 +16,8 @@ struct ConnectionSettings {
     bool takesOwnCookiesOut = false;     // those of the gateway's names that browsers send; OWNCOOKIES
     std::uint32_t retryAfter = 0;        // milliseconds that a server is left out; 0: never; SERVERRETRY
     CText statePath;                     // STATEPATH; empty without retryAfter
+    CText fileRoots;                     // folders below which files may be asked for; empty: any; FILEROOT
+    std::uint32_t fileLimit = 0;         // bytes of the largest; 0: any; FILELIMIT
     bool namesFailures = false;          // for CLIENTLOG
 
     ConnectionSettings() = default;

@@ -358,11 +358,19 @@ bool QuilClient::processFileRequest(CText& path, bool parseFilePaths) {
     const bool isPlainText = std::strlen(path.GetTextEx()) == path.Length();
     CData content;
     std::uint32_t size = 0;
-    if (!isPlainText || !ReadFileContent(path.GetTextEx(), content, size) || content.GetDataSize() == 0) {
+    if (!isPlainText || !readFile(path, content, size) || content.GetDataSize() == 0) {
+        if (refusedFile_.IsEmpty()) refusedFile_ = path;
         CompleteQuilRequest(QUIL_FILE_REPLY, false);
         return false;
     }
     return CompleteQuilDataRequest(QUIL_FILE_REPLY, true, content);
+}
+
+bool QuilClient::readFile(const CText& path, CData& content, std::uint32_t& size) const {
+    const std::uint32_t limit = settings_.fileLimit != 0 ? settings_.fileLimit : kLargestContent;
+    const char* folders = settings_.fileRoots.GetTextEx();
+    return *folders == '\0' ? ReadFileContent(path.GetTextEx(), content, size, limit)
+                            : ReadFileContentBelow(folders, path.GetTextEx(), content, size, limit);
 }
 
 void QuilClient::FileToNativePath(CText& path) {

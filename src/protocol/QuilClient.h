@@ -38,7 +38,8 @@ class QuilClient : public DripClient {
     ~QuilClient() override;
 
     // Serves one file request: reads the path into path, answers with the file's bytes, or with a false
-    // result code when there is no such regular file, or it is empty or unreadable.
+    // result code when there is no such regular file, it is empty or unreadable, or the section's FILEROOT or
+    // FILELIMIT keeps it back.
     virtual bool processFileRequest(CText& path, bool parseFilePaths);
 
     // Connects to one server; on success the server's address and port are recorded with setServer(), else
@@ -96,6 +97,7 @@ class QuilClient : public DripClient {
 
     // The attempts that failed, "entry: reason" each, joined with "; ", where the section wants a log.
     const CText& failedAttempts() const { return failedAttempts_; }
+    const CText& refusedFile() const { return refusedFile_; }  // the first that the server asked for in vain
     ServerChoice choice() const { return choice_; }            // of the server tried last
     const CText& serverEntry() const { return serverEntry_; }  // the whole list, or the element taken up last
     const char* sid() const { return sid_; }
@@ -121,6 +123,7 @@ class QuilClient : public DripClient {
     bool attempt(ServerChoice choice, const ServerEntry& entry);
     void readWishes(const TQuilRequest& request, Stanza& clientSection, ServerWishes& wishes);
     void appendRoute(CText& out) const;
+    bool readFile(const CText& path, CData& content, std::uint32_t& size) const;
     bool receiveFirstHeader(std::uint32_t& type, std::uint32_t& version);
 
     using HandleTag = ValidityTag<4212>;
@@ -133,6 +136,7 @@ class QuilClient : public DripClient {
     int failureCause_ = 0;
     CText failureReason_;
     CText failedAttempts_;
+    CText refusedFile_;
     char sid_[kFieldSize] = {};
     char serverIP_[kAddressSize] = {};
     char serverPort_[kFieldSize] = {};
