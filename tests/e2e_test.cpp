@@ -401,6 +401,12 @@ TEST_F(Gateway, WaitsAsLongAsTheSectionSays) {
         configure(servers, lines);
         EXPECT_EQ(run().exitStatus, 605 & 0xFF) << lines;
     }
+    configure(up, "REQUESTTIMEOUT=1\nHTTPSTATUS=1\nCLIENTLOG=stderr\n");
+    const Outcome late = Process(command()).wait(20s);
+    EXPECT_EQ(late.out.rfind("Status: 504 Gateway Timeout\r\nContent-type: text/html\r\n\r\n<html>", 0), 0u)
+        << late.out;
+    EXPECT_EQ(late.exitStatus, 605 & 0xFF);
+    EXPECT_NE(late.err.find(" code=605 status=504 "), std::string::npos) << late.err;
     // A queue that is full: nobody takes the connections.
     const LoopbackPort deaf;
     ASSERT_EQ(::listen(deaf.get(), 0), 0);

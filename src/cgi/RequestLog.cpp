@@ -115,6 +115,17 @@ void RequestLog::write(const RequestEnd& end) {
     }
 }
 
+void RequestLog::prepare(const RequestEnd& end) {
+    if (!isOn() || settings_->log != LogTarget::kStandardError) return;
+    prepared_ = lineOf(end);
+    if (prepared_.Length() > kLongestLine) prepared_.SetUsableDataSize(kLongestLine + 1);
+    prepared_ += '\n';
+}
+
+void RequestLog::writePrepared() const {
+    if (!prepared_.IsEmpty() && standardError_ != -1) writeAtOnce(standardError_, prepared_);
+}
+
 void RequestLog::appendTime(CText& line, const char* name, Step from, Step to) const {
     if (entered_[to].tv_sec == 0) return;
     line.AppendFormat(" %s=%.1f", name, millisecondsBetween(entered_[from], entered_[to]));

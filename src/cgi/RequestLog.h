@@ -32,6 +32,11 @@ class RequestLog {
     void enter(Step step);
     void write(const RequestEnd& end);
 
+    // The line of a request that takes too long, made beforehand for a signal handler; without the times that are not
+    // known yet. Only for standard error: the system logger is out of a handler's reach.
+    void prepare(const RequestEnd& end);
+    void writePrepared() const;  // async-signal-safe
+
   private:
     bool isOn() const { return settings_ != nullptr && settings_->log != LogTarget::kNone; }
     CText lineOf(const RequestEnd& end) const;
@@ -41,5 +46,6 @@ class RequestLog {
     const char* client_ = "";
     int standardError_ = -1;
     Step step_ = kBody;
+    CText prepared_;
     timespec entered_[kSteps] = {};  // zero: that step was never come to
 };

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "Server/Common_Classes/MemoryWatch.h"
 #include "cgi/ErrorPage.h"
 #include "cgi/NphLines.h"
 #include "cgi/RequestId.h"
@@ -42,6 +43,49 @@ bool isHeadRequest() {
     const char* method = std::getenv("REQUEST_METHOD");
     return method != nullptr && std::strcmp(method, "HEAD") == 0;
 }
+
+// A failure's page with what stands before it, in pieces that leave in one write: the C library's stream would lose
+// what an interrupted or blocked write had.
+class Failure {
+  public:
+    static constexpr int kParts = NphLines::kParts + 4;
+
+    Failure(std::uint32_t code, HttpStatus status, const ResponseSettings& settings, bool isNph, bool isFirst)
+        : page_(code, status, settings.errorPage, settings.errorPage.IsEmpty() ? "" : RequestId()),
+          nph_(settings.sendsHttpStatus ? status : kInternalServerError) {
+        const bool tellsStatus = settings.sendsHttpStatus && isFirst;
+        const char* text = page_.text();
+        if (*text == '\0') {  // there was no memory to put it together
+            std::snprintf(shortPage_, sizeof shortPage_, VE_ERR_HTML_TEMPLATE, static_cast<int>(code),
+                          "There is not enough memory.", "");
+            text = shortPage_;
+        }
+        if (tellsStatus && !isNph)
+            std::snprintf(statusField_, sizeof statusField_, "Status: %d %s\r\n", status.code, status.reason);
+        const bool comesBack = tellsStatus && status.code == kServiceUnavailable.code;
+        if (isNph) std::memcpy(parts, nph_.parts(), NphLines::kParts * sizeof *parts);
+        iovec* next = parts + NphLines::kParts;
+        *next++ = TextPart(statusField_);
+        *next++ = TextPart(comesBack ? "Retry-After: 10\r\n" : "");
+        *next++ = TextPart("Content-type: text/html\r\n\r\n");
+        *next =
+            TextPart(isNph && isHeadRequest() ? "" : text);  // the web server takes it from any other program
+        lacksErrorPage_ = page_.isBuiltIn() && !settings.errorPage.IsEmpty();
+    }
+    Failure(const Failure&) = delete;
+    Failure& operator=(const Failure&) = delete;
+
+    bool lacksErrorPage() const { return lacksErrorPage_; }
+
+    iovec parts[kParts] = {};
+
+  private:
+    const ErrorPage page_;
+    const NphLines nph_;
+    bool lacksErrorPage_;
+    char statusField_[64] = "";
+    char shortPage_[512];
+};
 
 }  // namespace
 
@@ -87,36 +131,25 @@ bool ResponseWriter::write(iovec* parts, int count) {
     return WriteOSFile(fd_, parts, count) || !settings_.cutsBrokenAnswers;
 }
 
-// In one piece, as any output: the C library's stream would lose what an interrupted or blocked write had.
 void ResponseWriter::writeErrorPage(std::uint32_t code, HttpStatus status) {
     if (settings_.cutsBrokenAnswers && hasBegun()) return;
     if (settings_.cutsBrokenAnswers || settings_.sendsHttpStatus) held_.Clear();
     finish();
+    Failure failure(code, status, settings_, isNph_, !hasBegun());
+    lacksErrorPage_ = failure.lacksErrorPage();
+    write(failure.parts, Failure::kParts);
+}
 
-    const bool tellsStatus = settings_.sendsHttpStatus && !hasBegun();
-    const ErrorPage page(code, status, settings_.errorPage, settings_.errorPage.IsEmpty() ? "" : RequestId());
-    lacksErrorPage_ = page.isBuiltIn() && !settings_.errorPage.IsEmpty();
-    char shortPage[512];
-    const char* text = page.text();
-    if (*text == '\0') {  // there was no memory to put it together
-        std::snprintf(shortPage, sizeof shortPage, VE_ERR_HTML_TEMPLATE, static_cast<int>(code),
-                      "There is not enough memory.", "");
-        text = shortPage;
-    }
-    char statusField[64] = "";
-    if (tellsStatus && !isNph_)
-        std::snprintf(statusField, sizeof statusField, "Status: %d %s\r\n", status.code, status.reason);
-    const bool comesBack = tellsStatus && status.code == kServiceUnavailable.code;
-    const NphLines nph(settings_.sendsHttpStatus ? status : kInternalServerError);
+bool ResponseWriter::prepareErrorPage(std::uint32_t code, HttpStatus status) {
+    const MemoryWatch memory;
+    const Failure failure(code, status, settings_, isNph_, true);
+    for (const iovec& part : failure.parts)
+        prepared_ += CText(static_cast<const char*>(part.iov_base), static_cast<std::uint32_t>(part.iov_len));
+    return !memory.ranOut();
+}
 
-    constexpr int kParts = NphLines::kParts + 4;
-    iovec parts[kParts] = {};
-    if (isNph_) std::memcpy(parts, nph.parts(), NphLines::kParts * sizeof *parts);
-    iovec* next = parts + NphLines::kParts;
-    *next++ = TextPart(statusField);
-    *next++ = TextPart(comesBack ? "Retry-After: 10\r\n" : "");
-    *next++ = TextPart("Content-type: text/html\r\n\r\n");
-    *next =
-        TextPart(isNph_ && isHeadRequest() ? "" : text);  // the web server takes it from any other program
-    write(parts, kParts);
+void ResponseWriter::writePreparedPage() const {
+    if (hasBegun()) return;
+    iovec part = {const_cast<char*>(prepared_.GetTextEx()), prepared_.Length()};
+    WriteOSFile(fd_, &part, 1);
 }

@@ -34,6 +34,11 @@ class ResponseWriter {
     // is written once something has gone out.
     void writeErrorPage(std::uint32_t code, HttpStatus status);
 
+    // The same page made beforehand, for a signal handler, which then writes it unless something has gone out. False
+    // without memory for it.
+    bool prepareErrorPage(std::uint32_t code, HttpStatus status);
+    void writePreparedPage() const;  // async-signal-safe
+
     std::uint64_t bytesWritten() const { return bytesWritten_; }  // or given up in a failed write
     bool lacksErrorPage() const { return lacksErrorPage_; }       // ERRORPAGE could not be read
 
@@ -48,4 +53,5 @@ class ResponseWriter {
     std::uint64_t bytesWritten_ = 0;
     ResponseSettings settings_;
     CData held_;
+    CText prepared_;
 };

@@ -71,6 +71,21 @@ void setAlarm() {
     alarm(kLongestRun);
 }
 
+// Takes the place of the alarm's end by a signal: a page, while nothing has gone out, and the code of it.
+void endInTime(int) {
+    response.writePreparedPage();
+    requestLog.writePrepared();
+    _exit(CLIENT_ERR_DISPATCH);
+}
+
+// Without memory for the page the alarm stays what it was.
+void boundRun(unsigned seconds) {
+    if (!response.prepareErrorPage(CLIENT_ERR_DISPATCH, kGatewayTimeout)) return;
+    requestLog.prepare({CLIENT_ERR_DISPATCH, kGatewayTimeout, nullptr, 0, 0, false});
+    std::signal(SIGALRM, endInTime);
+    alarm(seconds);
+}
+
 // Nothing may reach a browser through standard error. The descriptor stays occupied, and so do 0 and 1 when
 // the caller left them closed: a socket that got such a number would receive every diagnostic of the C
 // library, or the response.
@@ -138,6 +153,7 @@ int serveRequest(const char* programPath, int standardError) {
     const ResponseSettings settings = ResponseSettings::load();
     response.setSettings(settings);
     requestLog.open(settings, StanzaName, standardError);
+    if (settings.requestTimeout != 0) boundRun(settings.requestTimeout);
 
     ve_hrequest_t* request = nullptr;
     ve_hclient_t* connection = VeClientCreateConnection(0);

@@ -22,6 +22,7 @@ ResponseSettings ResponseSettings::load() {
     settings.cutsBrokenAnswers = IsWordValue(*configStanza, key::BROKENANSWER, "cut");
     settings.sendsHttpStatus = IsTrueValue(*configStanza, key::HTTPSTATUS);
     settings.needsLength = IsTrueValue(*configStanza, key::NEEDLENGTH);
+    settings.requestTimeout = NumberValue(*configStanza, key::REQUESTTIMEOUT);
     configStanza->getValue(key::ERRORPAGE.name, settings.errorPage);
     configStanza->getValue(key::FILEROOT.name, settings.fileRoots);
     readLog(*configStanza, settings);

@@ -1,6 +1,8 @@
 // ResponseSettings: how a client's section wants responses and failures shown.
 #pragma once
 
+#include <cstdint>
+
 #include "Server/Common_Classes/UText.h"
 
 enum class LogTarget { kNone, kStandardError, kSystemLogger };
@@ -9,6 +11,7 @@ enum class LogTarget { kNone, kStandardError, kSystemLogger };
 struct ResponseSettings {
     bool cutsBrokenAnswers = false;    // BROKENANSWER=cut
     bool sendsHttpStatus = false;      // HTTPSTATUS
+    std::uint32_t requestTimeout = 0;  // seconds, in place of the alarm; 0: the alarm; REQUESTTIMEOUT
     bool needsLength = false;          // NEEDLENGTH
     CText errorPage;                   // ERRORPAGE, a path
     CText fileRoots;                   // FILEROOT, folders
