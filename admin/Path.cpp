@@ -15,7 +15,7 @@ void addPath(CLI::App& app, Request& request) {
             } else {
                 std::cout << shown(location.path) << "\nfound by " << location.rule << '\n';
             }
-            Snapshot{location};  // or tell why the gateway cannot have it
+            [[maybe_unused]] const Snapshot file(location);  // or tell why the gateway cannot have it
             return kFine;
         };
     });

@@ -7,6 +7,7 @@
 #include <deque>
 #include <filesystem>
 #include <regex>
+#include <tuple>
 
 #include "net/Socket.h"
 #include "support/Contains.h"
@@ -196,6 +197,26 @@ TEST_P(Web, PiecesArriveUntilTheBrowserGoesAwayAndTheGatewayEnds) {
 // Whatever a browser claims to be: only a login that the web server has checked makes a user.
 TEST_P(Web, ForgedLoginMakesNoUser) {
     EXPECT_TRUE(contains(get("/cgi-bin/shop/", {"-u", "admin:guess"}), ">REMOTE_USER</th><td></td>"));
+}
+
+// Without the keys the default of old: 200 for every page of the gateway's own under a plain name.
+TEST_P(Web, FailureHasItsStatusWhereTheSectionWantsIt) {
+    const DeadPort dead;
+    const DevServer server({"--misbehave"});
+    const std::tuple<std::uint16_t, std::string, int, std::string> failures[] = {
+        {dead.port(), "", 602, " 503 "},
+        {server.port(), "misbehave?how=close-now", 605, " 502 "},
+        {server.port(), "misbehave?how=wait&ms=3000", 605, " 504 "},
+    };
+    for (const auto& [port, page, code, status] : failures) {
+        for (const bool isHonest : {false, true}) {
+            const std::string keys = isHonest ? "HTTPSTATUS=yes\nBROKENANSWER=cut\nREQUESTTIMEOUT=60\n" : "";
+            configure(entry(port), "CLIENTIOTIMEOUT=1\n" + keys);
+            const std::string answer = get("/cgi-bin/shop/" + page);
+            EXPECT_EQ(answer.substr(8, 5), isHonest ? status : " 200 ") << page;
+            EXPECT_TRUE(contains(answer, "Error Code: " + std::to_string(code)));
+        }
+    }
 }
 
 // The status where nothing has come yet, a length that is not reached where something has; never a page in
