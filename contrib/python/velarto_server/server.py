@@ -1,0 +1,418 @@
+"""The protocol as a server of asyncio: it accepts connections, waits no longer than it should, and ends gracefully."""
+
+from __future__ import annotations
+
+import asyncio
+import contextlib
+import errno
+import logging
+import os
+import signal
+import socket
+import stat
+import tempfile
+from http import HTTPStatus
+from typing import IO, Awaitable, Callable, Iterable, List, NamedTuple, Optional, Sequence, Set, Tuple, Union, cast
+
+from . import cookies
+from .protocol import Conversation, FileReply, Limits, Message, ProtocolError, Request, http_header
+
+PIECE = 256 << 10  # bytes of a body that travel in one message at the most
+BODY_IN_MEMORY = 1 << 20  # bytes; the rest of a request's body goes into a temporary file
+BACKLOG = 128  # connections that the system holds until they are accepted
+LAST_REQUESTS = 1.0  # seconds that a server which ends waits for requests that are on their way
+
+log = logging.getLogger("velarto_server")
+
+
+class Settings(NamedTuple):
+    """What a server grants."""
+
+    limits: Limits = Limits()
+    timeout: float = 300  # seconds for a request to come whole, and for the gateway to take each message
+    connections: int = 500  # at once; further ones wait, and their gateways may go elsewhere after a second
+    grace: float = 30  # seconds for the answers under way when the server ends
+
+
+class Disconnected(ConnectionError):
+    """The gateway is gone, too slow, or does not keep to the protocol. Nobody waits for the answer any more."""
+
+
+class Exchange(asyncio.Protocol):
+    """One connection, and so one request and its answer.
+
+    Handlers use `request`, `body`, `gone` and the coroutines: send_header() once, send() any number of times,
+    read_file() anywhere between, one after the other; or respond() alone. These raise Disconnected.
+    The end is the server's matter. Of use in the event loop's thread only.
+    """
+
+    request: Request
+    body: IO[bytes]  # the request's, from its beginning
+
+    def __init__(self, settings: Settings) -> None:
+        self.body = cast(IO[bytes], tempfile.SpooledTemporaryFile(BODY_IN_MEMORY))
+        self.header_sent = False
+        self.gone = False
+        self.status = "-"  # of the answer, and how many bytes of its body have been taken, for the log
+        self.bytes_sent = 0
+        self.peer = "a gateway"
+        self._settings = settings
+        self._conversation = Conversation(self.body, settings.limits)
+        self._loop = asyncio.get_running_loop()
+        self._message: asyncio.Future[Message] = self._loop.create_future()  # what the gateway is to send next
+        self._closed: asyncio.Future[None] = self._loop.create_future()
+        self._transport: asyncio.Transport
+
+    # ---- For handlers ----
+
+    async def send_header(self, status: Union[str, HTTPStatus], fields: Iterable[Tuple[str, str]]) -> None:
+        """Sends status and fields of the answer; the gateway may keep them until a piece or the end follows.
+
+        `status` is a member of HTTPStatus, or a code, a blank and a reason. Raises ValueError, and has sent nothing,
+        when http_header() refuses them.
+        """
+        if isinstance(status, HTTPStatus):
+            status = f"{status.value} {status.phrase}"
+        fields = list(fields)
+        # Nobody adds anything to this client's header: the browser must be told where the body ends.
+        if self.client.startswith(b"nph-") and "content-length" not in (name.lower() for name, _ in fields):
+            fields.append(("Connection", "close"))
+        text = http_header(status, fields)
+        self.header_sent = True
+        self.status = status[:3]
+        await self._ask(self._conversation.header(text))
+
+    async def send(self, data: bytes) -> None:
+        """Sends a part of the body. Returns when the gateway has taken it, which may be as slow as the browser."""
+        rest = memoryview(data)
+        while rest:
+            await self._ask(self._conversation.piece(rest[:PIECE]))
+            self.bytes_sent += len(rest[:PIECE])
+            rest = rest[PIECE:]
+
+    async def respond(
+        self, status: Union[str, HTTPStatus], fields: Iterable[Tuple[str, str]], content: bytes
+    ) -> None:
+        """Sends a whole answer with its Content-Length; without the content where the method is HEAD."""
+        await self.send_header(status, [*fields, ("Content-Length", str(len(content)))])
+        if self.request.parameters["REQUEST_METHOD"] != b"HEAD":
+            await self.send(content)
+
+    async def read_file(self, path: bytes) -> Optional[bytes]:
+        """A file on the gateway's machine that the web server's user can read; None when it is not to be had."""
+        reply = await self._ask(self._conversation.file_request(path))
+        assert isinstance(reply, FileReply)
+        return reply.content
+
+    @property
+    def client(self) -> bytes:
+        """The name under which the gateway was started."""
+        return cookies.split(self.request.parameters["HTTP_COOKIE"]).client
+
+    # ---- For the server ----
+
+    async def receive_request(self) -> None:
+        """Waits for the request. The body is at its beginning then."""
+        self.request = cast(Request, await self._answer())
+        self.body.seek(0)
+
+    @property
+    def request_missing(self) -> bool:
+        """Whether the request has not come whole yet."""
+        return not hasattr(self, "request")
+
+    async def end(self) -> None:
+        """Sends the end and closes the connection."""
+        if not self.gone:
+            self._transport.write(self._conversation.end())
+            self._transport.close()
+            timer = self._loop.call_later(self._settings.timeout, self._transport.abort)
+            try:
+                await self._closed
+            finally:
+                timer.cancel()
+
+    def cut_off(self, reason: str) -> None:
+        """Closes the connection at once; whoever waits for the gateway gets Disconnected."""
+        if not self.gone:
+            self.gone = True
+            self._transport.abort()
+            if not self._message.done():
+                self._message.set_exception(Disconnected(reason))
+                self._message.exception()  # it is no mistake when nobody waits
+
+    # ---- For the transport ----
+
+    def connection_made(self, transport: asyncio.BaseTransport) -> None:
+        """The connection stands."""
+        self._transport = cast(asyncio.Transport, transport)
+        name = transport.get_extra_info("peername")
+        if isinstance(name, tuple):
+            self.peer = endpoint(name)
+
+    def data_received(self, data: bytes) -> None:
+        """The gateway has sent something."""
+        try:
+            message = self._conversation.receive(data)
+            if message is not None:
+                if self._transport.get_write_buffer_size() > 0:
+                    raise ProtocolError("an answer came to what has not left yet")
+                if not self._message.done():
+                    self._message.set_result(message)
+        except ProtocolError as error:
+            self.cut_off(str(error))
+        except OSError as error:
+            log.error("no room for the body of a request: %s", error)
+            self.cut_off("there is no room for the body")
+
+    def connection_lost(self, error: Optional[Exception]) -> None:
+        """The connection is closed, by whom ever."""
+        self.cut_off("the gateway has closed the connection")
+        if not self._closed.done():
+            self._closed.set_result(None)
+
+    async def _ask(self, message: bytes) -> Message:
+        if self.gone:
+            raise Disconnected("the gateway was gone already")
+        if not self._message.done():
+            raise RuntimeError("the gateway has not answered the message before")
+        self._message = self._loop.create_future()
+        self._transport.write(message)
+        return await self._answer()
+
+    async def _answer(self) -> Message:
+        seconds = self._settings.timeout
+        timer = self._loop.call_later(seconds, self.cut_off, f"nothing came for {seconds} seconds")
+        try:
+            return await self._message
+        except asyncio.CancelledError:
+            self.cut_off("the handler has given up")  # the answer would be taken for the next one's
+            raise
+        finally:
+            timer.cancel()
+
+
+Handler = Callable[[Exchange], Awaitable[None]]
+
+
+class Server:
+    """Serves what connects to some sockets, each exchange by the same handler.
+
+    Where a handler raises anything but Disconnected, the browser gets a page with status 500; when the header was
+    sent already, the connection closes without an end, which makes the gateway add its page 605.
+    """
+
+    def __init__(self, handler: Handler, settings: Settings = Settings()) -> None:
+        self._handler = handler
+        self._settings = settings
+        self._listeners: Sequence[socket.socket] = ()
+        self._accepting = False
+        self._serving: Set[asyncio.Task[None]] = set()
+        self._exchanges: Set[Exchange] = set()
+        self._loop: asyncio.BaseEventLoop
+
+    def start(self, listeners: Sequence[socket.socket]) -> None:
+        """Begins to serve. The sockets listen, do not block, and are the server's from now on."""
+        self._loop = cast(asyncio.BaseEventLoop, asyncio.get_running_loop())
+        self._listeners = listeners
+        self._accept_or_not()
+
+    async def stop(self) -> bool:
+        """Accepts no more and waits for the exchanges under way; cuts off, and returns false, what takes too long."""
+        self._settings = self._settings._replace(connections=0)
+        self._accept_or_not()
+        for listener in self._listeners:
+            listener.close()
+        if self._serving:
+            await asyncio.wait(self._serving, timeout=LAST_REQUESTS)
+        self._cut_off(exchange for exchange in self._exchanges if exchange.request_missing)
+        if self._serving:
+            await asyncio.wait(self._serving, timeout=self._settings.grace)
+        late = len(self._exchanges)
+        if late > 0:
+            log.warning("the server ends, %d answers are cut off", late)
+        self._cut_off(self._exchanges)
+        return late == 0
+
+    @staticmethod
+    def _cut_off(exchanges: Iterable[Exchange]) -> None:
+        for exchange in list(exchanges):
+            exchange.cut_off("the server ends")
+
+    def _accept_or_not(self) -> None:
+        """Watches the sockets as long as there is room."""
+        accept = len(self._serving) < self._settings.connections
+        if accept != self._accepting:
+            self._accepting = accept
+            for listener in self._listeners:
+                if accept:
+                    self._loop.add_reader(listener, self._accept, listener)
+                else:
+                    self._loop.remove_reader(listener)
+
+    def _accept(self, listener: socket.socket) -> None:
+        while len(self._serving) < self._settings.connections:
+            try:
+                connection, _ = listener.accept()
+            except (BlockingIOError, InterruptedError, ConnectionAbortedError):
+                break
+            except OSError as error:  # no descriptors or no memory left: wait for better times
+                log.error("cannot accept a connection: %s", error)
+                self._loop.remove_reader(listener)
+                self._loop.call_later(1, self._accept_again, listener)
+                break
+            connection.setblocking(False)
+            task = self._loop.create_task(self._serve(connection))
+            self._serving.add(task)
+            task.add_done_callback(self._served)
+        self._accept_or_not()
+
+    def _accept_again(self, listener: socket.socket) -> None:
+        if self._accepting:
+            self._loop.add_reader(listener, self._accept, listener)
+
+    def _served(self, task: asyncio.Task[None]) -> None:
+        self._serving.discard(task)
+        self._accept_or_not()
+
+    async def _serve(self, connection: socket.socket) -> None:
+        exchange = Exchange(self._settings)
+        self._exchanges.add(exchange)
+        began = self._loop.time()
+        try:
+            await self._loop.connect_accepted_socket(lambda: exchange, connection)
+            await exchange.receive_request()
+            await self._answer(exchange)
+            await exchange.end()
+        except Disconnected as error:
+            log.info("%s: %s", exchange.peer, error)
+        except Exception:
+            log.exception("no whole answer to %s", _address(exchange))
+            exchange.cut_off("the answer has failed")
+        finally:
+            self._exchanges.discard(exchange)
+            exchange.body.close()
+            if log.isEnabledFor(logging.INFO) and not exchange.request_missing:
+                seconds = self._loop.time() - began
+                what = _address(exchange), exchange.status, exchange.bytes_sent, seconds
+                log.info("%s: %s: status %s, %d bytes, %.3f seconds", exchange.peer, *what)
+
+    async def _answer(self, exchange: Exchange) -> None:
+        try:
+            await self._handler(exchange)
+            if not exchange.header_sent:
+                raise RuntimeError("the handler has sent no header")
+        except Exception as error:
+            if isinstance(error, Disconnected) or exchange.header_sent:
+                raise
+            log.exception("no answer to %s", _address(exchange))
+            page = b"<!DOCTYPE html><title>No answer</title><h1>The application has failed</h1>\n"
+            await exchange.respond(HTTPStatus.INTERNAL_SERVER_ERROR, [("Content-Type", "text/html")], page)
+
+
+def _address(exchange: Exchange) -> str:
+    if exchange.request_missing:
+        return "a request that never came"
+    parameters = exchange.request.parameters
+    parts = (parameters[name] for name in ("REQUEST_METHOD", "SCRIPT_NAME", "PATH_INFO"))
+    method, script, path = (ascii(part.decode("utf-8", "replace"))[1:-1] for part in parts)
+    return f"{method} {script}{path}"
+
+
+# ---- Sockets -----------------------------------------------------------------------------------------------
+
+
+def endpoint(name: Union[str, Tuple[object, ...]]) -> str:
+    """A socket's name as text: 127.0.0.1:18155, [::1]:18155 or unix:/run/app.sock."""
+    if isinstance(name, str):
+        return f"unix:{name}"
+    address, port = name[:2]
+    return f"[{address}]:{port}" if ":" in str(address) else f"{address}:{port}"
+
+
+def listen(where: str) -> socket.socket:
+    """A listening socket at ADDRESS:PORT, [IPv6-ADDRESS]:PORT or unix:PATH.
+
+    Port 0 takes a free one. A socket file that nobody listens at any more is replaced. Raises ValueError for
+    another form and OSError when it cannot listen there.
+    """
+    kind, _, path = where.partition(":")
+    if kind == "unix":
+        listener = socket.socket(socket.AF_UNIX)
+        name: object = path
+        _remove_dead_socket(path)
+    else:
+        address, _, port = where.rpartition(":")
+        if not address or not port.isdecimal() or int(port) > 0xFFFF:
+            raise ValueError(f"not ADDRESS:PORT, [ADDRESS]:PORT or unix:PATH: {where!r}")
+        family, _, _, _, name = socket.getaddrinfo(
+            address.strip("[]"), int(port), type=socket.SOCK_STREAM, flags=socket.AI_PASSIVE
+        )[0]
+        listener = socket.socket(family)
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        if family == socket.AF_INET6:
+            listener.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
+    try:
+        listener.bind(name)  # type: ignore[arg-type]
+        listener.listen(BACKLOG)
+        listener.setblocking(False)
+    except OSError:
+        listener.close()
+        raise
+    return listener
+
+
+def _remove_dead_socket(path: str) -> None:
+    with contextlib.suppress(FileNotFoundError), socket.socket(socket.AF_UNIX) as probe:
+        probe.setblocking(False)
+        if stat.S_ISSOCK(os.stat(path).st_mode) and probe.connect_ex(path) == errno.ECONNREFUSED:
+            os.unlink(path)
+
+
+def systemd_sockets() -> List[socket.socket]:
+    """The listening sockets that systemd has handed over (LISTEN_FDS); none for a process that it did not start."""
+    if os.environ.get("LISTEN_PID") != str(os.getpid()):
+        return []
+    sockets = [socket.socket(fileno=3 + number) for number in range(int(os.environ["LISTEN_FDS"]))]
+    for listener in sockets:
+        os.set_inheritable(listener.fileno(), False)
+        listener.setblocking(False)
+    return sockets
+
+
+# ---- A whole program ---------------------------------------------------------------------------------------
+
+
+async def run(handler: Handler, listeners: Sequence[socket.socket], settings: Settings = Settings()) -> bool:
+    """Serves until SIGTERM or SIGINT comes, and then as stop() does; a second signal ends it at once.
+
+    Writes "listening on ADDRESS:PORT" to standard output for each socket when it is ready. Returns what stop() does.
+    """
+    loop = asyncio.get_running_loop()
+    signals: asyncio.Queue[None] = asyncio.Queue()
+    for number in (signal.SIGTERM, signal.SIGINT):
+        loop.add_signal_handler(number, signals.put_nowait, None)
+    server = Server(handler, settings)
+    names = [endpoint(listener.getsockname()) for listener in listeners]
+    server.start(listeners)
+    for name in names:
+        print(f"listening on {name}", flush=True)
+    await signals.get()
+    stopping = loop.create_task(server.stop())
+    again = loop.create_task(signals.get())
+    await asyncio.wait({stopping, again}, return_when=asyncio.FIRST_COMPLETED)
+    again.cancel()
+    return stopping.done() and stopping.result()
+
+
+def serve(handler: Handler, where: Sequence[str] = (), settings: Settings = Settings()) -> None:
+    """The whole life of a server: listens at these places, beside the sockets of systemd, until a signal ends it.
+
+    Without either it listens at 127.0.0.1:18155. When answers had to be cut off the process ends at once with status
+    1: threads that are still at work on them do not hold it up.
+    """
+    listeners = systemd_sockets()
+    listeners += [listen(one) for one in where or ([] if listeners else ["127.0.0.1:18155"])]
+    if not asyncio.run(run(handler, listeners, settings)):
+        logging.shutdown()
+        os._exit(1)
