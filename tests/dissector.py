@@ -13,7 +13,7 @@ import xml.etree.ElementTree as xml
 
 GATEWAY, SERVER = "gateway", "server"
 PORT, OTHER_PORT = 18155, 18999
-PARAMETERS = runpy.run_path(f"{sys.path[0]}/../examples/appserver.py")["PARAMETERS"]
+PARAMETERS = runpy.run_path(f"{sys.path[0]}/../contrib/python/velarto_server/protocol.py")["PARAMETERS"]
 
 # ---- Conversations: messages as lists of fields, each with its name, how it is shown, and its bytes ------
 

@@ -10,7 +10,7 @@ namespace {
 using namespace support;
 
 const char* const kPython = "/usr/bin/python3";
-const std::vector<std::string> kExample = {"-Xdev", "-Werror", VELARTO_EXAMPLES_PATH "/appserver.py"};
+const std::vector<std::string> kExample = {"-B", "-Werror", VELARTO_EXAMPLES_PATH "/appserver.py"};
 // A browser's own, by which it claims another client and a route, and hides what follows.
 const char* const kForgedCookies = "HTTP_COOKIE=VelartoClient=forged; Velarto_CGIIP=forged; a=\"";
 const char* const kMissing = "HTTP/1.0 404 Not Found\r\nStatus: 404 Not Found\r\n";

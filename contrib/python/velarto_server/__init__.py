@@ -12,7 +12,7 @@ runs a WSGI application. A handler of one's own is a coroutine that takes an Exc
 The modules, each on top of those before it: protocol (bytes in, what they mean out), cookies, server, wsgi.
 """
 
-from .cookies import UserReferences
+from .cookies import UserReferences, split as split_cookies
 from .protocol import Limits, Request
 from .server import Disconnected, Exchange, Handler, Server, Settings, listen, run, serve
 from .wsgi import Adapter
@@ -32,4 +32,5 @@ __all__ = [
     "listen",
     "run",
     "serve",
+    "split_cookies",
 ]
