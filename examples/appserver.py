@@ -15,6 +15,7 @@ import sys
 import urllib.parse
 from http import HTTPStatus
 
+sys.dont_write_bytecode = True  # nothing is left beside the package's sources
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "contrib/python"))
 import velarto_server  # noqa: E402
 
