@@ -20,6 +20,7 @@ from .protocol import Conversation, FileReply, Limits, Message, ProtocolError, R
 PIECE = 256 << 10  # bytes of a body that travel in one message at the most
 BODY_IN_MEMORY = 1 << 20  # bytes; the rest of a request's body goes into a temporary file
 BACKLOG = 128  # connections that the system holds until they are accepted
+CHUNK = 64 << 10  # bytes that are received at a time
 LAST_REQUESTS = 1.0  # seconds that a server which ends waits for requests that are on their way
 
 log = logging.getLogger("velarto_server")
@@ -38,30 +39,30 @@ class Disconnected(ConnectionError):
     """The gateway is gone, too slow, or does not keep to the protocol. Nobody waits for the answer any more."""
 
 
-class Exchange(asyncio.Protocol):
+class Exchange:
     """One connection, and so one request and its answer.
 
     Handlers use `request`, `body`, `gone` and the coroutines: send_header() once, send() any number of times,
     read_file() anywhere between, one after the other; or respond() alone. These raise Disconnected.
-    The end is the server's matter. Of use in the event loop's thread only.
+    The end is the server's matter. Of use in the event loop's thread only, but for `gone`.
     """
 
     request: Request
     body: IO[bytes]  # the request's, from its beginning
 
-    def __init__(self, settings: Settings) -> None:
+    def __init__(self, connection: socket.socket, peer: str, settings: Settings) -> None:
+        """For the server. The connection does not block; close() closes it."""
         self.body = cast(IO[bytes], tempfile.SpooledTemporaryFile(BODY_IN_MEMORY))
         self.header_sent = False
-        self.gone = False
+        self.peer = peer
         self.status = "-"  # of the answer, and how many bytes of its body have been taken, for the log
         self.bytes_sent = 0
-        self.peer = "a gateway"
+        self._connection = connection
         self._settings = settings
         self._conversation = Conversation(self.body, settings.limits)
         self._loop = asyncio.get_running_loop()
-        self._message: asyncio.Future[Message] = self._loop.create_future()  # what the gateway is to send next
-        self._closed: asyncio.Future[None] = self._loop.create_future()
-        self._transport: asyncio.Transport
+        self._talking = False
+        self._cut_off: Optional[str] = None  # why, when it was
 
     # ---- For handlers ----
 
@@ -80,13 +81,13 @@ class Exchange(asyncio.Protocol):
         text = http_header(status, fields)
         self.header_sent = True
         self.status = status[:3]
-        await self._ask(self._conversation.header(text))
+        await self._talk(self._conversation.header(text))
 
     async def send(self, data: bytes) -> None:
         """Sends a part of the body. Returns when the gateway has taken it, which may be as slow as the browser."""
         rest = memoryview(data)
         while rest:
-            await self._ask(self._conversation.piece(rest[:PIECE]))
+            await self._talk(self._conversation.piece(rest[:PIECE]))
             self.bytes_sent += len(rest[:PIECE])
             rest = rest[PIECE:]
 
@@ -100,7 +101,7 @@ class Exchange(asyncio.Protocol):
 
     async def read_file(self, path: bytes) -> Optional[bytes]:
         """A file on the gateway's machine that the web server's user can read; None when it is not to be had."""
-        reply = await self._ask(self._conversation.file_request(path))
+        reply = await self._talk(self._conversation.file_request(path))
         assert isinstance(reply, FileReply)
         return reply.content
 
@@ -109,11 +110,22 @@ class Exchange(asyncio.Protocol):
         """The name under which the gateway was started."""
         return cookies.split(self.request.parameters["HTTP_COOKIE"]).client
 
+    @property
+    def gone(self) -> bool:
+        """Whether the gateway has left without waiting for the answer, as far as is known. From any thread."""
+        try:
+            self._connection.recv(1, socket.MSG_PEEK)
+        except BlockingIOError:
+            return False
+        except OSError:
+            pass
+        return True
+
     # ---- For the server ----
 
     async def receive_request(self) -> None:
         """Waits for the request. The body is at its beginning then."""
-        self.request = cast(Request, await self._answer())
+        self.request = cast(Request, await self._talk(b""))
         self.body.seek(0)
 
     @property
@@ -122,74 +134,42 @@ class Exchange(asyncio.Protocol):
         return not hasattr(self, "request")
 
     async def end(self) -> None:
-        """Sends the end and closes the connection."""
-        if not self.gone:
-            self._transport.write(self._conversation.end())
-            self._transport.close()
-            timer = self._loop.call_later(self._settings.timeout, self._transport.abort)
-            try:
-                await self._closed
-            finally:
-                timer.cancel()
+        """Sends the end."""
+        await self._talk(self._conversation.end(), answered=False)
 
     def cut_off(self, reason: str) -> None:
-        """Closes the connection at once; whoever waits for the gateway gets Disconnected."""
-        if not self.gone:
-            self.gone = True
-            self._transport.abort()
-            if not self._message.done():
-                self._message.set_exception(Disconnected(reason))
-                self._message.exception()  # it is no mistake when nobody waits
+        """Ends the connection; whoever waits for the gateway gets Disconnected."""
+        self._cut_off = self._cut_off or reason
+        with contextlib.suppress(OSError):
+            self._connection.shutdown(socket.SHUT_RDWR)
 
-    # ---- For the transport ----
+    def close(self) -> None:
+        """Closes the connection and the body."""
+        self._connection.close()
+        self.body.close()
 
-    def connection_made(self, transport: asyncio.BaseTransport) -> None:
-        """The connection stands."""
-        self._transport = cast(asyncio.Transport, transport)
-        name = transport.get_extra_info("peername")
-        if isinstance(name, tuple):
-            self.peer = endpoint(name)
-
-    def data_received(self, data: bytes) -> None:
-        """The gateway has sent something."""
-        try:
-            message = self._conversation.receive(data)
-            if message is not None:
-                if self._transport.get_write_buffer_size() > 0:
-                    raise ProtocolError("an answer came to what has not left yet")
-                if not self._message.done():
-                    self._message.set_result(message)
-        except ProtocolError as error:
-            self.cut_off(str(error))
-        except OSError as error:
-            log.error("no room for the body of a request: %s", error)
-            self.cut_off("there is no room for the body")
-
-    def connection_lost(self, error: Optional[Exception]) -> None:
-        """The connection is closed, by whom ever."""
-        self.cut_off("the gateway has closed the connection")
-        if not self._closed.done():
-            self._closed.set_result(None)
-
-    async def _ask(self, message: bytes) -> Message:
-        if self.gone:
-            raise Disconnected("the gateway was gone already")
-        if not self._message.done():
+    async def _talk(self, message: bytes, answered: bool = True) -> Message:
+        """Sends a message and returns the answer, within the time that both may take together."""
+        if self._talking:
             raise RuntimeError("the gateway has not answered the message before")
-        self._message = self._loop.create_future()
-        self._transport.write(message)
-        return await self._answer()
-
-    async def _answer(self) -> Message:
+        self._talking = True  # for good, when the answer does not come or is not waited for
         seconds = self._settings.timeout
-        timer = self._loop.call_later(seconds, self.cut_off, f"nothing came for {seconds} seconds")
+        timer = self._loop.call_later(seconds, self.cut_off, f"the gateway was silent for {seconds} seconds")
+        answer: Optional[Message] = None
         try:
-            return await self._message
-        except asyncio.CancelledError:
-            self.cut_off("the handler has given up")  # the answer would be taken for the next one's
-            raise
+            if message:
+                await self._loop.sock_sendall(self._connection, message)
+            while answered and answer is None:
+                data = await self._loop.sock_recv(self._connection, CHUNK)
+                if not data:
+                    raise ConnectionError("the gateway has closed the connection")
+                answer = self._conversation.receive(data)
+        except (ProtocolError, ConnectionError, TimeoutError) as error:
+            raise Disconnected(self._cut_off or str(error)) from error
         finally:
             timer.cancel()
+        self._talking = False
+        return cast(Message, answer)
 
 
 Handler = Callable[[Exchange], Awaitable[None]]
@@ -209,11 +189,11 @@ class Server:
         self._accepting = False
         self._serving: Set[asyncio.Task[None]] = set()
         self._exchanges: Set[Exchange] = set()
-        self._loop: asyncio.BaseEventLoop
+        self._loop: asyncio.AbstractEventLoop
 
     def start(self, listeners: Sequence[socket.socket]) -> None:
         """Begins to serve. The sockets listen, do not block, and are the server's from now on."""
-        self._loop = cast(asyncio.BaseEventLoop, asyncio.get_running_loop())
+        self._loop = asyncio.get_running_loop()
         self._listeners = listeners
         self._accept_or_not()
 
@@ -253,7 +233,7 @@ class Server:
     def _accept(self, listener: socket.socket) -> None:
         while len(self._serving) < self._settings.connections:
             try:
-                connection, _ = listener.accept()
+                connection, name = listener.accept()
             except (BlockingIOError, InterruptedError, ConnectionAbortedError):
                 break
             except OSError as error:  # no descriptors or no memory left: wait for better times
@@ -262,7 +242,9 @@ class Server:
                 self._loop.call_later(1, self._accept_again, listener)
                 break
             connection.setblocking(False)
-            task = self._loop.create_task(self._serve(connection))
+            if connection.family != socket.AF_UNIX:
+                connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            task = self._loop.create_task(self._serve(connection, endpoint(name)))
             self._serving.add(task)
             task.add_done_callback(self._served)
         self._accept_or_not()
@@ -275,27 +257,25 @@ class Server:
         self._serving.discard(task)
         self._accept_or_not()
 
-    async def _serve(self, connection: socket.socket) -> None:
-        exchange = Exchange(self._settings)
+    async def _serve(self, connection: socket.socket, peer: str) -> None:
+        exchange = Exchange(connection, peer, self._settings)
         self._exchanges.add(exchange)
         began = self._loop.time()
         try:
-            await self._loop.connect_accepted_socket(lambda: exchange, connection)
             await exchange.receive_request()
             await self._answer(exchange)
             await exchange.end()
         except Disconnected as error:
-            log.info("%s: %s", exchange.peer, error)
+            log.info("%s: %s", peer, error)
         except Exception:
             log.exception("no whole answer to %s", _address(exchange))
-            exchange.cut_off("the answer has failed")
         finally:
             self._exchanges.discard(exchange)
-            exchange.body.close()
+            exchange.close()
             if log.isEnabledFor(logging.INFO) and not exchange.request_missing:
                 seconds = self._loop.time() - began
                 what = _address(exchange), exchange.status, exchange.bytes_sent, seconds
-                log.info("%s: %s: status %s, %d bytes, %.3f seconds", exchange.peer, *what)
+                log.info("%s: %s: status %s, %d bytes, %.3f seconds", peer, *what)
 
     async def _answer(self, exchange: Exchange) -> None:
         try:
