@@ -51,7 +51,7 @@ class Misbehaving(ServerCase):
         for sent, reason in [
             (acknowledgement(PIECE), "type 4 came instead of 6"),
             (acknowledgement(HEADER) + b"Q", "follow a message"),
-            (b"", "silent for 0.5 seconds"),
+            (b"", "timed out"),
         ]:
             peer = await self.connect(request())
             await peer.reader.readexactly(12)

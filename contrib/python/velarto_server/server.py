@@ -12,7 +12,24 @@ import socket
 import stat
 import tempfile
 from http import HTTPStatus
-from typing import IO, Awaitable, Callable, Iterable, List, NamedTuple, Optional, Sequence, Set, Tuple, Union, cast
+from typing import (
+    IO,
+    Any,
+    Awaitable,
+    Callable,
+    Coroutine,
+    Iterable,
+    Iterator,
+    List,
+    NamedTuple,
+    Optional,
+    Sequence,
+    Set,
+    Tuple,
+    TypeVar,
+    Union,
+    cast,
+)
 
 from . import cookies
 from .protocol import Conversation, FileReply, Limits, Message, ProtocolError, Request, http_header
@@ -24,13 +41,14 @@ CHUNK = 64 << 10  # bytes that are received at a time
 LAST_REQUESTS = 1.0  # seconds that a server which ends waits for requests that are on their way
 
 log = logging.getLogger("velarto_server")
+T = TypeVar("T")
 
 
 class Settings(NamedTuple):
     """What a server grants."""
 
     limits: Limits = Limits()
-    timeout: float = 300  # seconds for a request to come whole, and for the gateway to take each message
+    timeout: float = 300  # seconds that a gateway may be silent, or not read what it is sent
     connections: int = 500  # at once; further ones wait, and their gateways may go elsewhere after a second
     grace: float = 30  # seconds for the answers under way when the server ends
 
@@ -44,7 +62,7 @@ class Exchange:
 
     Handlers use `request`, `body`, `gone` and the coroutines: send_header() once, send() any number of times,
     read_file() anywhere between, one after the other; or respond() alone. These raise Disconnected.
-    The end is the server's matter. Of use in the event loop's thread only, but for `gone`.
+    The end is the server's matter.
     """
 
     request: Request
@@ -62,6 +80,7 @@ class Exchange:
         self._conversation = Conversation(self.body, settings.limits)
         self._loop = asyncio.get_running_loop()
         self._talking = False
+        self._in_thread = False
         self._cut_off: Optional[str] = None  # why, when it was
 
     # ---- For handlers ----
@@ -99,6 +118,20 @@ class Exchange:
         if self.request.parameters["REQUEST_METHOD"] != b"HEAD":
             await self.send(content)
 
+    @contextlib.contextmanager
+    def in_thread(self) -> Iterator[None]:
+        """Makes the exchange one thread's instead of the event loop's, as long as a handler waits for that thread.
+
+        There the coroutines do not wait for the loop but block the thread; at_once() runs them.
+        """
+        self._connection.settimeout(self._settings.timeout)
+        self._in_thread = True
+        try:
+            yield
+        finally:
+            self._in_thread = False
+            self._connection.setblocking(False)
+
     async def read_file(self, path: bytes) -> Optional[bytes]:
         """A file on the gateway's machine that the web server's user can read; None when it is not to be had."""
         reply = await self._talk(self._conversation.file_request(path))
@@ -112,7 +145,7 @@ class Exchange:
 
     @property
     def gone(self) -> bool:
-        """Whether the gateway has left without waiting for the answer, as far as is known. From any thread."""
+        """Whether the gateway has left without waiting for the answer, as far as is known."""
         try:
             self._connection.recv(1, socket.MSG_PEEK)
         except BlockingIOError:
@@ -149,27 +182,53 @@ class Exchange:
         self.body.close()
 
     async def _talk(self, message: bytes, answered: bool = True) -> Message:
-        """Sends a message and returns the answer, within the time that both may take together."""
+        """Sends a message and returns the answer."""
         if self._talking:
             raise RuntimeError("the gateway has not answered the message before")
         self._talking = True  # for good, when the answer does not come or is not waited for
-        seconds = self._settings.timeout
-        timer = self._loop.call_later(seconds, self.cut_off, f"the gateway was silent for {seconds} seconds")
         answer: Optional[Message] = None
         try:
             if message:
-                await self._loop.sock_sendall(self._connection, message)
+                await self._send(message)
             while answered and answer is None:
-                data = await self._loop.sock_recv(self._connection, CHUNK)
+                data = await self._receive()
                 if not data:
                     raise ConnectionError("the gateway has closed the connection")
                 answer = self._conversation.receive(data)
-        except (ProtocolError, ConnectionError, TimeoutError) as error:
+        except (ProtocolError, ConnectionError, TimeoutError, socket.timeout) as error:
             raise Disconnected(self._cut_off or str(error)) from error
-        finally:
-            timer.cancel()
         self._talking = False
         return cast(Message, answer)
+
+    async def _send(self, data: bytes) -> None:
+        if self._in_thread:
+            self._connection.sendall(data)
+        else:
+            with self._time_limit():
+                await self._loop.sock_sendall(self._connection, data)
+
+    async def _receive(self) -> bytes:
+        if self._in_thread:
+            return self._connection.recv(CHUNK)
+        with self._time_limit():
+            return await self._loop.sock_recv(self._connection, CHUNK)
+
+    @contextlib.contextmanager
+    def _time_limit(self) -> Iterator[None]:
+        timer = self._loop.call_later(self._settings.timeout, self.cut_off, "timed out")
+        try:
+            yield
+        finally:
+            timer.cancel()
+
+
+def at_once(coroutine: Coroutine[Any, Any, T]) -> T:
+    """The result of a coroutine of an exchange that is in_thread()."""
+    try:
+        coroutine.send(None)
+    except StopIteration as finished:
+        return cast(T, finished.value)
+    raise RuntimeError("the coroutine waits for the event loop")
 
 
 Handler = Callable[[Exchange], Awaitable[None]]

@@ -13,7 +13,7 @@ from wsgiref.util import is_hop_by_hop
 
 from . import cookies
 from .protocol import http_header
-from .server import PIECE, Disconnected, Exchange
+from .server import PIECE, Disconnected, Exchange, at_once
 
 Environ = Dict[str, Any]
 Fields = List[Tuple[str, str]]
@@ -50,12 +50,7 @@ class Adapter:
 
     async def __call__(self, exchange: Exchange) -> None:
         """Lets the application answer."""
-        answer = _Answer(self, exchange)
-        try:
-            await asyncio.get_running_loop().run_in_executor(self._pool, answer.run)
-        finally:
-            if answer.sending:
-                await asyncio.wrap_future(answer.sending)
+        await asyncio.get_running_loop().run_in_executor(self._pool, _Answer(self, exchange).run)
 
     def environ(self, exchange: Exchange) -> Environ:
         """What PEP 3333 asks for, as far as it arrives."""
@@ -117,15 +112,12 @@ class FileWrapper:
 class _Answer:
     """One call of the application, in a thread of the pool.
 
-    What it sends is on its way while the application makes the next piece. That one waits until the gateway has
-    taken the former: so an answer of any length needs memory for two pieces.
+    Each piece has reached the gateway before the application makes the next one.
     """
 
     def __init__(self, adapter: Adapter, exchange: Exchange) -> None:
-        self.sending: Optional[concurrent.futures.Future[None]] = None  # what was sent last
         self._adapter = adapter
         self._exchange = exchange
-        self._loop = asyncio.get_running_loop()
         self._head: Optional[Tuple[str, Fields]] = None  # status and fields, when they are known
         self._head_sent = False
         self._bodiless = False
@@ -138,12 +130,13 @@ class _Answer:
         environ = self._adapter.environ(self._exchange)
         environ["velarto.read_file"] = self._read_file
         try:
-            pieces = self._adapter.application(environ, self._start_response)
-            try:
-                self._send_all(pieces)
-            finally:
-                if hasattr(pieces, "close"):
-                    pieces.close()
+            with self._exchange.in_thread():
+                pieces = self._adapter.application(environ, self._start_response)
+                try:
+                    self._send_all(pieces)
+                finally:
+                    if hasattr(pieces, "close"):
+                        pieces.close()
         except Exception:
             raise
         except BaseException as error:  # sys.exit() of an application must not end the server
@@ -202,22 +195,11 @@ class _Answer:
     def _send(self, data: bytes) -> None:
         if not self._head:
             raise AssertionError("the application has not called start_response()")
-        self._wait()
-        head = None if self._head_sent else self._head
-        self._head_sent = True
-        self.sending = asyncio.run_coroutine_threadsafe(self._transmit(head, data), self._loop)
-
-    async def _transmit(self, head: Optional[Tuple[str, Fields]], data: bytes) -> None:
-        if head:
-            await self._exchange.send_header(*head)
-        await self._exchange.send(data)
+        if not self._head_sent:
+            self._head_sent = True
+            at_once(self._exchange.send_header(*self._head))
+        at_once(self._exchange.send(data))
 
     def _read_file(self, path: Union[str, bytes]) -> Optional[bytes]:
         """A file on the gateway's machine, for example that of PATH_TRANSLATED; None when it is not to be had."""
-        self._wait()
-        reading = self._exchange.read_file(os.fsencode(path))
-        return asyncio.run_coroutine_threadsafe(reading, self._loop).result()
-
-    def _wait(self) -> None:
-        if self.sending:
-            self.sending.result()
+        return at_once(self._exchange.read_file(os.fsencode(path)))
