@@ -57,6 +57,14 @@ class Gateway:
         return self
 
 
+def impatient(handler):
+    """The handler with gateways that may be silent for a moment only once their request is there."""
+    async def handle(exchange):
+        exchange._settings = Settings(timeout=0.01)
+        await handler(exchange)
+    return handle
+
+
 class ServerCase(unittest.IsolatedAsyncioTestCase):
     async def asyncTearDown(self):
         await asyncio.wait_for(self.server.stop(), 60)

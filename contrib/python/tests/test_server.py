@@ -10,7 +10,7 @@ import sys
 import tempfile
 import unittest
 
-from gateway import ServerCase, acknowledgement, request
+from gateway import ServerCase, acknowledgement, impatient, request
 from velarto_server import Disconnected, listen
 from velarto_server.protocol import Type
 
@@ -39,23 +39,26 @@ class Serving(ServerCase):
 
         async def endless(exchange):
             try:
-                await exchange.send_header("200 OK", [])
+                await exchange.send_header("200 OK", [("Long", exchange.body.read().decode() * (32 << 20))])
                 while True:
                     await exchange.send(bytes(1 << 20))
             except Disconnected as error:
                 reasons.put_nowait(str(error))
                 raise
 
-        self.serve(endless, timeout=0.5)
-        for answers, reason in [
-            (acknowledgement(Type.PIECE), "type 4 came instead of 6"),
-            (acknowledgement(Type.HEADER) + b"Q", "follow a message"),
-            (acknowledgement(Type.HEADER), "timed out"),
+        for handler, body, answers, reason in [
+            (endless, b"", acknowledgement(Type.PIECE), "type 4 came instead of 6"),
+            (endless, b"", acknowledgement(Type.HEADER) + b"Q", "follow a message"),
+            (impatient(endless), b"", b"", "timed out"),
+            (impatient(endless), b".", b"", "timed out"),  # with what all buffers between do not hold
         ]:
-            peer = await self.connect(request())
-            await peer.reader.readexactly(12)
-            peer.writer.write(answers)
+            self.serve(handler)
+            peer = await self.connect(request(body))
+            if answers:
+                await peer.reader.readexactly(12)
+                peer.writer.write(answers)
             self.assertIn(reason, await reasons.get())
+            await self.server.stop()
 
     async def test_200_at_once_come_through_beyond_the_limit_of_connections_too(self):
         self.serve(echo, connections=150)

@@ -12,7 +12,6 @@ from typing import IO, Any, Callable, Dict, Iterable, Iterator, List, Optional, 
 from wsgiref.util import is_hop_by_hop
 
 from . import cookies
-from .protocol import http_header
 from .server import PIECE, Disconnected, Exchange, at_once
 
 Environ = Dict[str, Any]
@@ -157,7 +156,7 @@ class _Answer:
             log.error("an answer is %d bytes shorter than its Content-Length", self._missing)
 
     def _start_response(self, status: str, fields: Fields, exc_info: Any = None) -> Callable[[bytes], None]:
-        """start_response() of PEP 3333. Raises ValueError for what makes no HTTP header."""
+        """start_response() of PEP 3333."""
         if exc_info:
             try:
                 if self._head_sent:
@@ -168,7 +167,6 @@ class _Answer:
             raise AssertionError("start_response() was called before, and no exc_info says why again")
 
         fields = [field for field in fields if not is_hop_by_hop(field[0])]  # those are the web server's matter
-        http_header(status, fields)
         lengths = [int(value) for name, value in fields if name.lower() == "content-length"]
         parameters = self._exchange.request.parameters
         if self._adapter.references:
