@@ -10,6 +10,7 @@ import sys
 import tempfile
 import unittest
 
+import gateway
 from gateway import ServerCase, acknowledgement, impatient, request
 from velarto_server import Disconnected, listen
 from velarto_server.protocol import Type
@@ -82,6 +83,8 @@ class Serving(ServerCase):
             incomplete = await self.connect(request()[:-1])
             finished = asyncio.create_task((await self.connect(request(b"late"))).finish())
             await begun.wait()
+            waiting = socket.create_connection(self.address)  # blocking: the server has no time to accept it
+            waiting.sendall(request(b"early"))
             with contextlib.nullcontext() if grace else self.assertLogs("velarto_server", "WARNING"):
                 stop = asyncio.create_task(self.server.stop())
                 self.assertIsNone(await incomplete.step())
@@ -89,8 +92,11 @@ class Serving(ServerCase):
                     await self.connect()
                 if grace:
                     go_on.set()
+                    accepted = gateway.Gateway(*await asyncio.open_connection(sock=waiting))
+                    self.assertEqual((await accepted.finish()).body, b"early")
                 self.assertEqual(await stop, grace > 0)
             go_on.set()
+            waiting.close()
             self.assertEqual((await finished).body, b"late" if grace else b"")
 
 

@@ -258,6 +258,8 @@ class Server:
 
     async def stop(self) -> bool:
         """Accepts no more and waits for the exchanges under way; cuts off, and returns false, what takes too long."""
+        for listener in self._listeners:
+            self._accept(listener)  # whoever waits there would be reset
         self._settings = self._settings._replace(connections=0)
         self._accept_or_not()
         for listener in self._listeners:
