@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "common/Reset.h"
 #include "common/Text.h"
 #include "protocol/QuilRequest.h"
 
@@ -95,10 +96,7 @@ void Conversation::hangUp() {
 }
 
 void Conversation::reset() {
-    // connect(2): an address of family AF_UNSPEC dissolves the connection; TCP tells the peer by a reset.
-    sockaddr nobody{};
-    nobody.sa_family = AF_UNSPEC;
-    static_cast<void>(::connect(socket_.GetDescriptor(), &nobody, sizeof nobody));
+    resetConnection(socket_.GetDescriptor());
     throw HungUp();
 }
 

@@ -5,27 +5,7 @@
 #include <string>
 #include <string_view>
 
-// One message byte by byte, so that each of its fields can be made wrong.
-struct Frame {
-    AnswerStep step;
-    std::uint32_t type;
-    std::string text;
-    std::string mark = "QUIL";
-    std::uint32_t version = QUIL_PROTOCOL_VERSION;
-    std::uint32_t length = static_cast<std::uint32_t>(text.size());
-    std::string footer = "END!";
-
-    std::string bytes() const;
-};
-
 namespace {
-
-std::string number(std::uint32_t value) {
-    std::string bytes;
-    for (int shift = 24; shift >= 0; shift -= 8)
-        bytes += static_cast<char>(value >> shift & 0xFF);
-    return bytes;
-}
 
 std::uint32_t argument(const Exchange& exchange, const char* name, std::uint32_t fallback) {
     constexpr std::uint32_t kMax = std::numeric_limits<std::uint32_t>::max();
@@ -39,7 +19,7 @@ void closeInstead(Exchange& exchange, Frame&) {
 }
 
 void closeInText(Exchange&, Frame& frame) {
-    frame.text.resize(frame.text.size() / 2);
+    frame.fields.resize(frame.fields.size() / 2);
     frame.footer.clear();
 }
 
@@ -65,13 +45,15 @@ void unknownType(Exchange& exchange, Frame& frame) {
 }
 
 void absurdLength(Exchange& exchange, Frame& frame) {
-    frame.length = argument(exchange, "length", std::numeric_limits<std::uint32_t>::max());
+    const std::string length =
+        number(argument(exchange, "length", std::numeric_limits<std::uint32_t>::max()));
+    frame.fields.replace(0, length.size(), length);
     frame.footer.clear();
 }
 
 void badStatusLine(Exchange& exchange, Frame& frame) {
-    frame.text = exchange.query.text("line", "HTTP/1.0 OK") + "\r\nContent-Type: text/plain\r\n\r\n";
-    frame.length = static_cast<std::uint32_t>(frame.text.size());
+    frame.fields =
+        counted(exchange.query.text("line", "HTTP/1.0 OK") + "\r\nContent-Type: text/plain\r\n\r\n");
 }
 
 void extraBytes(Exchange&, Frame& frame) {
@@ -93,26 +75,28 @@ void flood(Exchange& exchange, Frame&) {
 
 // ---- the answer around them ----
 
+constexpr const char* kBody =
+    "<!DOCTYPE html><title>Misbehaving</title><p>The body of a misbehaving answer.</p>\n";
+
 Frame makeFrame(const Exchange& exchange, AnswerStep step) {
     switch (step) {
         case AnswerStep::Header:
-            return {step, QUIL_HTTP_HEADER, exchange.response.complete(ResponseHeader()).text()};
+            return {QUIL_HTTP_HEADER, counted(exchange.response.complete(ResponseHeader()).text())};
         case AnswerStep::Body:
-            return {step, QUIL_BODY_DATA,
-                    "<!DOCTYPE html><title>Misbehaving</title><p>The body of a misbehaving answer.</p>\n"};
+            return {QUIL_BODY_DATA, counted(kBody)};
         case AnswerStep::End:
             break;
     }
-    return {step, QUIL_END, ""};
+    return {QUIL_END};
 }
 
-void sendProperly(Exchange& exchange, const Frame& frame) {
-    switch (frame.step) {
+void sendProperly(Exchange& exchange, AnswerStep step) {
+    switch (step) {
         case AnswerStep::Header:
             exchange.response.begin(ResponseHeader());
             break;
         case AnswerStep::Body:
-            exchange.response.write(frame.text);
+            exchange.response.write(kBody);
             break;
         case AnswerStep::End:
             exchange.response.end();
@@ -121,10 +105,11 @@ void sendProperly(Exchange& exchange, const Frame& frame) {
 }
 
 // A frame that the misbehaviour changed goes out as it is, and the conversation ends there.
-void sendWrongly(Exchange& exchange, const Misbehaviour& misbehaviour, Frame& frame) {
+void sendWrongly(Exchange& exchange, const Misbehaviour& misbehaviour, AnswerStep step) {
+    Frame frame = makeFrame(exchange, step);
     const std::string proper = frame.bytes();
     misbehaviour.act(exchange, frame);
-    if (frame.bytes() == proper) return sendProperly(exchange, frame);
+    if (frame.bytes() == proper) return sendProperly(exchange, step);
     exchange.conversation.sendRaw(frame.bytes());
     exchange.conversation.hangUp();
 }
@@ -149,12 +134,6 @@ const Misbehaviour& chosen(const Exchange& exchange) {
 }
 
 }  // namespace
-
-// The end has no text, not even an empty one.
-std::string Frame::bytes() const {
-    const std::string body = step == AnswerStep::End ? "" : number(length) + text;
-    return mark + number(version) + number(type) + body + footer;
-}
 
 const std::vector<Misbehaviour>& misbehaviours() {
     using Step = AnswerStep;
@@ -182,11 +161,10 @@ void misbehave(Exchange& exchange) {
     const Misbehaviour& misbehaviour = chosen(exchange);
     const AnswerStep wrongStep = stepOf(exchange, misbehaviour.at);
     for (const AnswerStep step : {AnswerStep::Header, AnswerStep::Body, AnswerStep::End}) {
-        Frame frame = makeFrame(exchange, step);
         if (step == wrongStep) {
-            sendWrongly(exchange, misbehaviour, frame);
+            sendWrongly(exchange, misbehaviour, step);
         } else {
-            sendProperly(exchange, frame);
+            sendProperly(exchange, step);
         }
     }
 }

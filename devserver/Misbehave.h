@@ -4,8 +4,7 @@
 #include <vector>
 
 #include "Exchange.h"
-
-struct Frame;  // a message about to be sent
+#include "common/Frame.h"
 
 enum class AnswerStep { Header, Body, End };
 
