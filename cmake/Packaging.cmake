@@ -21,7 +21,7 @@ set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/finish.cmake)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_COMPONENTS_ALL gateway library development)
-if(VELARTO_BUILD_ADMIN OR VELARTO_BUILD_DEVSERVER)
+if(VELARTO_BUILD_ADMIN OR VELARTO_BUILD_CONFORM OR VELARTO_BUILD_DEVSERVER)
     list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -58,7 +58,8 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION
 "configuration and development tools of the Velarto gateway
 velarto-config shows, checks and changes the configuration of the CGI gateway
 and of host programs; velarto-devserver is a development application server,
-which answers as it is told to, wrongly too.")
+which answers as it is told to, wrongly too; velarto-conform tries application
+servers, rule by rule of the protocol.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION web)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_ENHANCES velarto)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_BREAKS ${split_from})
