@@ -59,7 +59,7 @@ inline constexpr ClientKey SERVERCHOICE{
 inline constexpr ClientKey SERVERRETRY{
     "SERVERRETRY", KeyKind::kNumber, "", "how long a server that was not reached is left out", "seconds", 1,
     3600};
-inline constexpr ClientKey STATEPATH{"STATEPATH", KeyKind::kText, "/run/velarto/CLIENT.state",
+inline constexpr ClientKey STATEPATH{"STATEPATH", KeyKind::kText, "in /run/velarto",
                                      "file in which gateways tell each other of them"};
 inline constexpr ClientKey OWNCOOKIES{"OWNCOOKIES", KeyKind::kTruth, "no",
                                       "take cookies of the gateway's names out of what browsers send"};
