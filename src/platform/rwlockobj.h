@@ -46,8 +46,8 @@ class VELARTO_CAPABILITY("read-write lock") TReadWriteLock {
     bool created_ = false;
 };
 
-// Holds the lock for a scope, when it could be had: REQUIRES a look at the holder before the data. (Clang
-// takes every holder for one that holds.)
+// Holds the lock for a scope, when it could be had. REQUIRES: the caller tests the holder, as a bool, before it touches
+// the data; clang does not check that, and takes every holder for one that holds.
 template <bool (TReadWriteLock::*Wait)(), bool (TReadWriteLock::*Release)()>
 class RWLockHolder {
   public:
@@ -65,7 +65,7 @@ class RWLockHolder {
     const bool held_;
 };
 
-// What clang is to know of the two; a template cannot carry it.
+// The two holders, with the annotations that clang checks: a template cannot carry them.
 class VELARTO_SCOPED_CAPABILITY ReadLock
     : public RWLockHolder<&TReadWriteLock::WaitForRead, &TReadWriteLock::ReleaseReadLock> {
   public:

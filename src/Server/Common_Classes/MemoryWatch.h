@@ -3,9 +3,9 @@
 
 #include <cstdint>
 
-// Tells whether memory ran out for a block of this thread since the watch was made. For operations that put
-// many blocks together and must not pass off a maimed result as whole: one question at the end in place of
-// one at every step.
+// Tells whether memory ran out for a block of this thread since the watch was made. For operations that put many
+// blocks together and must not use a result in which something is missing: they ask once at the end, instead of after
+// every step.
 class MemoryWatch {
   public:
     MemoryWatch();
