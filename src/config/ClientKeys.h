@@ -111,14 +111,26 @@ inline constexpr const ClientKey* kClientKeys[] = {
 // A truth value is true when it begins with one of these.
 inline constexpr char kTrueBeginnings[] = "YyTt1";
 
+// The look-ups take the entry's parts one by one, and the forms for an entry are inlined: a program that asks for a few
+// keys then holds no table of pointers, which a position-independent one would have to relocate at its start.
+
 // Whether the section has the key with a true value.
-bool IsTrueValue(Stanza& section, const ClientKey& key);
+bool IsTrueValue(Stanza& section, const char* key);
+inline bool IsTrueValue(Stanza& section, const ClientKey& key) {
+    return IsTrueValue(section, key.name);
+}
 
 // The number that the section gives the key: 0 when it gives none, or one that is not from least to most.
-std::uint32_t NumberValue(Stanza& section, const ClientKey& key);
+std::uint32_t NumberValue(Stanza& section, const char* key, std::uint32_t least, std::uint32_t most);
+inline std::uint32_t NumberValue(Stanza& section, const ClientKey& key) {
+    return NumberValue(section, key.name, key.least, key.most);
+}
 
 // Whether the section gives the key this word.
-bool IsWordValue(Stanza& section, const ClientKey& key, const char* word);
+bool IsWordValue(Stanza& section, const char* key, const char* word);
+inline bool IsWordValue(Stanza& section, const ClientKey& key, const char* word) {
+    return IsWordValue(section, key.name, word);
+}
 
 // Fills out with the keys of words and numbers that have a value which is none of theirs, joined with ",".
 CText& ListIgnoredKeys(Stanza& section, CText& out);
