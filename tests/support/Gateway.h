@@ -67,8 +67,12 @@ class GatewayTest : public ::testing::Test {
     // The second half of a run: waits for the end and checks what every run owes.
     Outcome finish(Process& gateway) {
         Outcome outcome = gateway.wait(std::chrono::seconds(20));
-        for (ScriptedPeer& peer : peers_)
-            peer.visits();  // their scripts use what the test is about to leave
+        for (ScriptedPeer& peer : peers_) {  // their scripts use what the test is about to leave
+            const std::vector<Visit>& visits = peer.visits();
+            if (outcome.exitStatus == 0 && !visits.empty()) {
+                EXPECT_FALSE(visits.back().isReset);
+            }
+        }
         EXPECT_TRUE(outcome.endedByItself);
         EXPECT_EQ(outcome.signal, 0);
         EXPECT_EQ(outcome.err, "");

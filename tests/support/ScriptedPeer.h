@@ -19,6 +19,7 @@ namespace support {
 struct Visit {
     std::string received;   // every byte
     wire::Request request;  // as far as the script took it
+    bool isReset = false;   // the client ended it in a reset
 };
 
 // One accepted connection. Operations wait for the client. They throw std::runtime_error when less comes than
@@ -48,8 +49,10 @@ class Connection {
     }
     void receiveRest() {  // whatever comes until the client closes
         char block[65536];
-        for (ssize_t got; (got = ::recv(socket_.get(), block, sizeof block, 0)) > 0;)
+        ssize_t got;
+        while ((got = ::recv(socket_.get(), block, sizeof block, 0)) > 0)
             visit_.received.append(block, static_cast<std::size_t>(got));
+        visit_.isReset = got != 0 && errno == ECONNRESET;
     }
 
     void send(const std::string& bytes) { ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
