@@ -6,6 +6,7 @@
 #include <string>
 
 #include "platform/UThread.h"
+#include "platform/mutexobj.h"
 #include "platform/osfile_impl.h"
 #include "platform/rwlockobj.h"
 #include "platform/systimer_impl.h"
@@ -14,6 +15,25 @@
 namespace {
 
 using namespace support;
+
+TEST(MutexTest, KeepsOtherThreadsAndProcessesOut) {
+    Mutex mutex(Mutex::kPrivate), shared(Mutex::kShared);
+    mutex.Lock();
+    shared.Lock();
+    EXPECT_EQ(mutex.TryLock(), 0) << "its own thread may";
+    Runner([&] { EXPECT_EQ(mutex.TryLock(), 1); });
+    const pid_t child = startChild([&] {
+        alarm(60);  // in vain, or nobody wakes it
+        return shared.TryLock() == 1 && shared.Lock() == 0 && shared.UnLock() == 0;
+    });
+    EXPECT_TRUE(sleeps(std::to_string(child), [] { return false; }));
+    shared.UnLock();
+    EXPECT_EQ(resultOf(child), 1);
+    shared.DestroyMutex();
+    for (int i = 0; i < 2; ++i)
+        mutex.UnLock();
+    mutex.DestroyMutex();
+}
 
 TEST(RWLockTest, LetsWritersInOneByOneAndBeforeNewReaders) {
     TReadWriteLock lock;
@@ -49,6 +69,7 @@ TEST(PeriodicThreadTest, SleepsBetweenItsCallsUntilItIsStopped) {
     while (calls == 0)
         ASSERT_EQ(thread.WaitForThread(1), TEvent::kTimedOut);
     EXPECT_EQ(thread.WaitForThread(20), TEvent::kTimedOut);
+    EXPECT_EQ(thread.StartNewThread(nullptr, nullptr), TThread::kAlreadyStarted);
     thread.RequestStop();
     EXPECT_EQ(thread.WaitForThread(30000), TEvent::kSignalled);
     EXPECT_EQ(calls, 1);

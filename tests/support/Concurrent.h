@@ -25,6 +25,19 @@ inline int resultOf(pid_t child) {
     return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// Waits until the task, a folder below /proc, sleeps in the kernel (true) or has ended (false). A thread, which
+// leaves nothing behind, tells its end by hasEnded().
+template <class HasEnded>
+bool sleeps(const std::string& task, HasEnded hasEnded) {
+    for (int seen = 0; seen < 5 && !hasEnded(); usleep(1000)) {
+        std::ifstream file("/proc/" + task + "/stat");
+        std::string stat;
+        seen = std::getline(file, stat) && stat.find(") S ") != std::string::npos ? seen + 1 : 0;
+        if (stat.find(") Z ") != std::string::npos) return false;
+    }
+    return !hasEnded();
+}
+
 // A thread of which a test can tell, without a clock, whether it blocks. Runs the body at once; the
 // destructor waits for its end. The body must not sleep except in what is tested.
 class Runner {
@@ -40,12 +53,9 @@ class Runner {
 
     // Waits until the thread sleeps in the kernel (true) or its body has ended (false).
     bool blocks() const {
-        for (int seen = 0; seen < 5 && !done_; usleep(1000)) {
-            std::ifstream file("/proc/self/task/" + std::to_string(tid_) + "/stat");
-            std::string stat;
-            seen = std::getline(file, stat) && stat.find(") S ") != std::string::npos ? seen + 1 : 0;
-        }
-        return !done_;
+        while (tid_ == 0)
+            usleep(1000);
+        return sleeps("self/task/" + std::to_string(tid_), [this] { return done_.load(); });
     }
 
   private:
