@@ -4,11 +4,24 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <string>
 #include <thread>
+
+#include "protocol/SocCGIQuilClient.h"
+
+static std::atomic<int> lastWait{0};  // milliseconds
+
+// Every wait of this program.
+extern "C" int poll(pollfd* entries, nfds_t count, int milliseconds) {
+    lastWait = milliseconds;
+    const timespec limit = {milliseconds / 1000, milliseconds % 1000 * 1000000L};
+    return ppoll(entries, count, milliseconds < 0 ? nullptr : &limit, nullptr);
+}
 
 namespace {
 
@@ -46,16 +59,21 @@ TEST(Socket, ClosesWhatItMadeOrAdoptedAndACopyNothing) {
 
 TEST(Socket, ConnectWaitsAtMostItsTime) {
     Socket full, waiting[3];  // more than the queue of the listener takes
+    SocCGIQuilClient client;
     sockaddr_in address{};
     socklen_t length = sizeof address;
     ASSERT_TRUE(full.CreateSocket(AF_INET, "127.0.0.1", nullptr));
-    ASSERT_EQ(listen(full.GetDescriptor(), 0), 0);
+    ASSERT_EQ(listen(full.GetDescriptor(), 1), 0);
     getsockname(full.GetDescriptor(), reinterpret_cast<sockaddr*>(&address), &length);
+    EXPECT_TRUE(client.connectToServer("127.0.0.1", std::to_string(ntohs(address.sin_port)).c_str()));
+    EXPECT_EQ(lastWait, 1000) << "what a gateway gives each server";
     for (Socket& socket : waiting) {
         ASSERT_TRUE(socket.CreateSocket(AF_INET, nullptr, nullptr));
         socket.Connect("127.0.0.1", ntohs(address.sin_port), kBrief);
     }
     EXPECT_EQ(waiting[2].GetLastError(), ETIMEDOUT);
+    EXPECT_TRUE(Socket::IsSameConnection(AF_INET, &waiting[0], &full));
+    EXPECT_FALSE(Socket::IsSameConnection(AF_INET, &waiting[0], &waiting[2]));
     for (const char* wrong : {"localhost", "255.255.255.255", "", static_cast<const char*>(nullptr)})
         EXPECT_FALSE(waiting[2].Connect(wrong, 80, kBrief));
 }
