@@ -92,6 +92,7 @@ TEST_F(ConfigFileTest, WritesMergesAndRemoves) {
     } cases[] = {
         {overwrite, kOld, kHead + "s=\n\n[s]\nA=3\n\n"},
         {merge, kOld, kHead + "other=\ns=\n\n[s]\nA=3\nB=2\n\n[other]\n\n"},
+        {merge, kHead, kHead + "s=\n\n[s]\nA=3\n\n"},
         // Without the directory nothing new can be listed; what cannot be read is not overwritten.
         {merge, "[s]\n", "[s]\n"},
         {merge, "[s]\nk", "[s]\nk"},
@@ -102,6 +103,16 @@ TEST_F(ConfigFileTest, WritesMergesAndRemoves) {
         EXPECT_EQ(c.action(file_), c.after != c.before) << c.after;
         EXPECT_EQ(onDisk(), c.after);
     }
+}
+
+TEST_F(ConfigFileTest, WalksOverItsDirectory) {
+    file_.addStanza(new Stanza("unlisted"), false);
+    file_.addStanza(new Stanza("t"), true);
+    std::string walk;
+    CText name;
+    for (bool isThere = file_.getFirstStanza(name); isThere; isThere = file_.getNextStanza(name))
+        walk += name.GetTextEx();
+    EXPECT_EQ(walk, "st");
 }
 
 TEST_F(ConfigFileTest, CreatesAFileOnlyWithAllItsContent) {
@@ -202,6 +213,13 @@ TEST_F(ConfigFileTest, WaitsForNobodyAtTheOtherEndOfAPipe) {
     EXPECT_STREQ(file_.lastParseError().reason, "not a regular file");
     EXPECT_FALSE(file_.writeFile(false));
     EXPECT_EQ(file_.getModificationDate(), 0);
+}
+
+// Such a file of the system says that it has a page's size, and has less.
+TEST(ConfigFileOfTheSystem, IsRefusedAsAFileThatChanges) {
+    ConfigFile file("/sys/devices/system/cpu/possible", "s");
+    EXPECT_FALSE(file.parseConfigFile());
+    EXPECT_STREQ(file.lastParseError().reason, "the file changed while it was read");
 }
 
 // Whoever completes a section sees what others wrote since he read the file.
