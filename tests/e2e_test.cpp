@@ -83,6 +83,7 @@ TEST_F(Gateway, ProgramPathNamesTheClientAndTheMode) {
         expectSuccess(run({}, "", path), output);
         wire::Request request = server.onlyVisit().request;
         EXPECT_EQ(request["COMMANDLINE"], path);
+        EXPECT_EQ(request["CONTENT_LENGTH"], "0");
         EXPECT_EQ(request["HTTP_COOKIE"], "VelartoClient=" + path.substr(path.rfind('/') + 1));
     }
 }
@@ -618,7 +619,7 @@ TEST_F(Gateway, TheServerThatListensIsFoundInAnyForm) {
     const std::string older = "VELARTO_HOST=127.0.0.1\nVELARTO_PORT=" + down + "::" + up + ":\n";
     const Texts sections[] = {
         {"VELARTO_SERVER=127.0.0.1,x:,,:a..b,80:" + std::string(3000, ',') + good + "\n"},
-        {"VELARTO_SERVER=127.0.0.1:" + down + ",localhost:" + up + "\n"},
+        {"VELARTO_SERVER=127.0.0.1:" + down + ",127.1:" + up + "\n"},
         {older, older + list + "\n"}};
     const std::string start = "[Velarto Client Definitions]\nshop=\n\n[shop]\n";
     for (const Texts& section : sections) {
