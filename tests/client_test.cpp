@@ -40,7 +40,9 @@ class Client : public ::testing::Test {
 
 TEST_F(Client, TakesItsSettingsAndThoseOfAChangedFile) {
     EXPECT_TRUE(setUp(kServer) && IsVelartoExtns("x.ZML") && VeClientCleanUp()) << "the default";
-    ASSERT_TRUE(setUp(kServer + "DOCUMENTPATH=/docs\nREGISTER_EXTNS=zaf;htm,,a:b\nSENDFULLHEADER=Table\n"));
+    ASSERT_TRUE(setUp(kServer + "DOCUMENTPATH=/docs\nREGISTER_EXTNS=zaf;htm,,a:b\nSENDFULLHEADER=Table\n"
+                                "CLIENTIOTIMEOUT=4294968\n"));
+    EXPECT_EQ(ClientRrWrTimeout, 4294967000u) << "the longest";
     EXPECT_TRUE(IsFullHeaderSupport() && IsVelartoExtns("/x.y.HTM") && IsVelartoExtns("B.A"));
     EXPECT_FALSE(IsVelartoExtns("x.zhtml") || IsVelartoExtns("x.ht") || IsVelartoExtns("htm"));
 
@@ -104,8 +106,9 @@ TEST_F(Client, SendsTheOperatorsErrorPage) {
     support::writeFile(folder_ / "page", page);
     const std::pair<std::string, std::string> cases[] = {
         {file + "/page\n", page},
-        {file + "/page\nREPORTCLIENTERROR=yes\n", "<p>why</p>"},
+        {file + "/page\nREPORTCLIENTERROR=1\n", "<p>why</p>"},
         {file + "/missing\n", "Error Code: 609"},
+        {"ERROR_HTML=/sys/devices/system/cpu/possible\n", "Error Code: 609"},  // shorter than its size
         {"ERROR_HTML=\n", "<p>why</p>"},
     };
     for (const auto& [lines, sent] : cases) {
