@@ -25,13 +25,15 @@ TEST(EventLogTest, LineHasFixedColumns) {
 TEST(EventLogTest, ReportsGoToTheFileAndLiterallyToTheSystemLogger) {
     const support::TempDir dir;
     ASSERT_TRUE(OpenSystemEventLog((dir / "events.log").c_str(), "gateway"));
-    // What goes to the system logger is written here too; errors alone.
+    // What goes to the system logger is written here too; no notes.
     openlog("test", LOG_PERROR, LOG_DAEMON);
-    setlogmask(LOG_MASK(LOG_ERR));
+    setlogmask(LOG_UPTO(LOG_WARNING));
     testing::internal::CaptureStderr();
     EXPECT_TRUE(ReportSystemEvent(SYS_EVENT_INFO, SYS_EVENT_DEBUG, "x"));
+    EXPECT_TRUE(ReportSystemEvent(SYS_EVENT_WARNING, SYS_EVENT_STOP, "y"));
     EXPECT_TRUE(ReportSystemEvent(SYS_EVENT_ERROR, SYS_EVENT_DEBUG, "%d%s", 100, "%s%n"));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "test: DEBUG      ERROR    100%s%n\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "test: STOP       WARNING  y\ntest: DEBUG      ERROR    100%s%n\n");
     const std::string lines = support::readFile(dir / "events.log");
     EXPECT_EQ(lines.substr(lines.rfind(']') + 22), "DEBUG      ERROR    100%s%n\n");
     CloseSystemEventLog();
