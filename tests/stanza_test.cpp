@@ -29,6 +29,12 @@ std::string imageOf(Stanza& stanza) {
 
 }  // namespace
 
+TEST(List, ThrowsWhereNothingIs) {
+    Lists<int> list;
+    EXPECT_THROW(list.removeHead(), Lists<int>::EmptyError);
+    EXPECT_THROW(ListIterators<int>(list).next(), ListIterators<int>::EndOfListError);
+}
+
 TEST(Attribute, ReadsAndChangesTheElementsOfAValueList) {
     const struct {
         const char* value;
