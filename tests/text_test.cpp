@@ -23,6 +23,7 @@ TEST(Text, ChangesInPlace) {
         {"a", [](CText& t) { t.Format("%16384d", 1); }, std::string(16383, ' ') + "1"},
         {"a", [](CText& t) { t.AppendFormat("%16385d", 1); }, "a"},
         {"abc", [](CText& t) { t.Right(t, 2); }, "bc"},
+        {"abc", [](CText& t) { t.Replace(0, 0, t.GetText() + 1, 2); }, "bcabc"},
         {" a\r \t\n", [](CText& t) { t.Trim(); }, " a\r"},
         {"  \ta ", [](CText& t) { t.TrimSpaces(false); }, "\ta "},
         {"abc", [](CText& t) { t.Pad('-', kMax, true); }, "abc"},
@@ -103,6 +104,7 @@ TEST(Data, CutsRangesAndTakesNoSizeBeyond32Bits) {
     EXPECT_TRUE(part.Equals("cd", 2) && !part.Equals("cd", 1) && block[3] == 'd' && block[4] == 0);
     EXPECT_EQ(block.Copy(part.GetBuffer(), 1, 3, kMax), 1u);
     EXPECT_EQ(block.Copy(part.GetBuffer(), 1, 5, 1), 0u);
+    EXPECT_EQ(block.Copy(part.GetBuffer(), 2, 0, 1), 1u);
     block.Replace(2, 1, nullptr, kMax - 2);
     block.Replace(1, kMax, -7L);
     EXPECT_TRUE(!block.SetBufferSize(kMax - 10) && block.Equals("a-7", 3));

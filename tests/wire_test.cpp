@@ -17,10 +17,9 @@ using Stream = support::FakeTransport<DripClient>;
 
 TEST(NetBase, SendsWhenTheBufferWouldOverflowAndAtTheFlush) {
     const std::pair<Sizes, Sizes> cases[] = {
-        {{1, 4095}, {4096}},
-        {{1, 4096}, {1, 4096}},
-        {{4000, 100}, {4000, 100}},
-        {{100, 5000, 4}, {100, 4096, 908}},
+        {{1, 4095}, {4096}},          {{1, 4096}, {1, 4096}},
+        {{4000, 100}, {4000, 100}},   {{100, 5000, 4}, {100, 4096, 908}},
+        {{8192, 1}, {4096, 4096, 1}},
     };
     std::string data;
     for (int i = 0; data.size() < 50000; ++i)
@@ -83,6 +82,15 @@ TEST(Drip, TakesAMessageInAnyPiecesButNoneThatBreaksOffAndSendsItInOne) {
         prefix.input = kMessage.substr(0, at);
         EXPECT_EQ(copyMessage(prefix, copy), at == kMessage.size()) << at;
     }
+}
+
+TEST(Drip, BelievesALengthAsFarAsBytesCome) {
+    Stream stream;
+    stream.input = "\x3F\xFF\xFF\xFFtext"s;
+    CText text;
+    EXPECT_FALSE(stream.unmarshallText(text));
+    EXPECT_LE(text.GetBufferSize(), 2u << 20);
+    EXPECT_STREQ(text.GetTextEx(), "");
 }
 
 }  // namespace
