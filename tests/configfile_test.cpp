@@ -119,10 +119,12 @@ TEST_F(ConfigFileTest, CreatesAFileOnlyWithAllItsContent) {
     file_.addStanza(new Stanza("not]a name"), true);
     EXPECT_TRUE(OpenSystemEventLog((folder_ / "log").c_str(), nullptr));
     EXPECT_FALSE(file_.writeFile(true) || file_.changeStanzaWithWrite("s") || file_.writeFile(false));
-    EXPECT_TRUE(CloseSystemEventLog() && !std::filesystem::exists(path_));
+    EXPECT_TRUE(CloseSystemEventLog());
+    EXPECT_FALSE(std::filesystem::exists(path_));
     EXPECT_NE(support::readFile(folder_ / "log").find("could not open file " + path_), std::string::npos);
     file_.removeStanza("not]a name");
-    EXPECT_TRUE(file_.writeFile(false) && std::filesystem::exists(path_));
+    EXPECT_TRUE(file_.writeFile(false));
+    EXPECT_TRUE(std::filesystem::exists(path_));
 }
 
 TEST_F(ConfigFileTest, KeepsModeOwnerAndLinksAndOnAFullDiskTheContent) {
@@ -153,7 +155,8 @@ TEST_F(ConfigFileTest, KeepsModeOwnerAndLinksAndOnAFullDiskTheContent) {
         EXPECT_EQ(std::filesystem::hard_link_count(path_), linked ? 2u : 1u);  // two: written in place
         struct stat after {};
         EXPECT_EQ(stat(path_.c_str(), &after), 0);
-        EXPECT_TRUE(after.st_uid == owner && (after.st_mode & 07777) == 0604);
+        EXPECT_EQ(after.st_uid, owner);
+        EXPECT_EQ(after.st_mode & 07777, 0604u);
     }
 }
 

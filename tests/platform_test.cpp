@@ -23,7 +23,7 @@ TEST(MutexTest, KeepsOtherThreadsAndProcessesOut) {
     EXPECT_EQ(mutex.TryLock(), 0) << "its own thread may";
     Runner([&] { EXPECT_EQ(mutex.TryLock(), 1); });
     const pid_t child = startChild([&] {
-        alarm(60);  // in vain, or nobody wakes it
+        alarm(20);  // in vain, or nobody wakes it
         return shared.TryLock() == 1 && shared.Lock() == 0 && shared.UnLock() == 0;
     });
     EXPECT_TRUE(sleeps(std::to_string(child), [] { return false; }));
@@ -37,14 +37,17 @@ TEST(MutexTest, KeepsOtherThreadsAndProcessesOut) {
 
 TEST(RWLockTest, LetsWritersInOneByOneAndBeforeNewReaders) {
     TReadWriteLock lock;
-    ASSERT_TRUE(lock.CreateRWLock() && lock.WaitForRead() && lock.WaitForRead());
+    ASSERT_TRUE(lock.CreateRWLock());
+    for (int i = 0; i < 2; ++i)
+        EXPECT_TRUE(lock.WaitForRead());
     {
         const auto write = [&] { EXPECT_TRUE(lock.WaitForWrite()); };
         const auto read = [&] { EXPECT_TRUE(lock.WaitForRead()); };
         Runner first(write);
         EXPECT_TRUE(first.blocks());
         Runner reader(read), another(read);
-        EXPECT_TRUE(reader.blocks() && another.blocks());
+        EXPECT_TRUE(reader.blocks());
+        EXPECT_TRUE(another.blocks());
         lock.ReleaseReadLock();
         EXPECT_TRUE(first.blocks()) << "one reader is left";
         lock.ReleaseReadLock();
@@ -52,10 +55,13 @@ TEST(RWLockTest, LetsWritersInOneByOneAndBeforeNewReaders) {
         Runner second(write);
         EXPECT_TRUE(second.blocks());
         lock.ReleaseWriteLock();
-        EXPECT_TRUE(!second.blocks() && reader.blocks()) << "one writer follows the other";
+        EXPECT_FALSE(second.blocks()) << "one writer follows the other";
+        EXPECT_TRUE(reader.blocks());
         lock.ReleaseWriteLock();
     }
-    EXPECT_TRUE(lock.ReleaseReadLock() && lock.ReleaseReadLock() && lock.DestroyRWLock());
+    for (int i = 0; i < 2; ++i)
+        EXPECT_TRUE(lock.ReleaseReadLock());
+    EXPECT_TRUE(lock.DestroyRWLock());
 }
 
 TEST(PeriodicThreadTest, SleepsBetweenItsCallsUntilItIsStopped) {
@@ -64,7 +70,7 @@ TEST(PeriodicThreadTest, SleepsBetweenItsCallsUntilItIsStopped) {
         ++*static_cast<std::atomic<int>*>(number);
         return false;
     };
-    TPeriodicThread thread(30000, count, &calls);
+    TPeriodicThread thread(90000, count, &calls);
     ASSERT_EQ(thread.StartNewThread(nullptr, nullptr), 0);
     while (calls == 0)
         ASSERT_EQ(thread.WaitForThread(1), TEvent::kTimedOut);

@@ -71,9 +71,13 @@ TEST(Stanza, LooksUpByKeyOccurrenceAndPosition) {
 TEST(Stanza, ChangesTheFirstOfAKeyAndAppendsWhatIsNew) {
     Stanza stanza("s", listOf({{"A", "1"}, {"b", "2"}, {"a", "3"}, {"C", "4"}})), copy(stanza);
     Stanza other("o", listOf({{"c", "5"}, {"K", "6"}, {"k", "7"}, {"b", nullptr}, {"", "8"}}));
-    EXPECT_TRUE(stanza.mergeStanza(other) && stanza.changeValue("A", "x") && stanza.changeValue("n", "y"));
+    EXPECT_TRUE(stanza.mergeStanza(other));
+    EXPECT_TRUE(stanza.changeValue("A", "x"));
+    EXPECT_TRUE(stanza.changeValue("n", "y"));
     EXPECT_EQ(imageOf(stanza), "A=x|b=|a=3|C=5|K=7|=8|n=y|");
-    EXPECT_TRUE(copy.removeKey("c") && copy.addValue("B", "9") && copy.removeKey("a"));
+    EXPECT_TRUE(copy.removeKey("c"));
+    EXPECT_TRUE(copy.addValue("B", "9"));
+    EXPECT_TRUE(copy.removeKey("a"));
     EXPECT_FALSE(copy.removeKey("none") || copy.removeKey(""));
     EXPECT_EQ(imageOf(copy), "b=2|a=3|B=9|");
 }
@@ -81,9 +85,11 @@ TEST(Stanza, ChangesTheFirstOfAKeyAndAppendsWhatIsNew) {
 TEST(Stanza, AddsAndGetsAnAttributeList) {
     Stanza stanza("s", listOf({{"B", "9"}}));
     AttributeList in = listOf({{"A", "1"}, {"B", "2"}}), out = listOf({{"old", "1"}});
-    EXPECT_TRUE(stanza.addAttributeList("L", in) && stanza.getAttributeList("l", out));
+    EXPECT_TRUE(stanza.addAttributeList("L", in));
+    EXPECT_TRUE(stanza.getAttributeList("l", out));
     EXPECT_EQ(imageOf(stanza), "B=2|L=A:B|A=1|");
-    EXPECT_TRUE(out.length() == 2 && *out.getValue("b") == '2');
+    EXPECT_EQ(out.length(), 2u);
+    EXPECT_STREQ(out.getValue("b"), "2");
 }
 
 TEST(Stanza, RemovesAndChangesTheNamedAttributesAndTheirList) {
@@ -91,12 +97,14 @@ TEST(Stanza, RemovesAndChangesTheNamedAttributesAndTheirList) {
     EXPECT_TRUE(stanza.removeAttributeList("l"));
     EXPECT_EQ(imageOf(stanza), "B=2|l=A:B|");
     AttributeList in = listOf({{"B", "5"}, {"C", "6"}});
-    EXPECT_TRUE(!stanza.changeAttributeList("M", in) && stanza.changeAttributeList("L", in));
+    EXPECT_FALSE(stanza.changeAttributeList("M", in));
+    EXPECT_TRUE(stanza.changeAttributeList("L", in));
     EXPECT_EQ(imageOf(stanza), "L=B:C|B=5|C=6|");
 }
 
 TEST(Stanza, CopiesAllAttributesOfAnotherOrItself) {
     Stanza other("o", listOf({{"A", "1"}})), stanza("s", listOf({{"B", "2"}}));
-    EXPECT_TRUE(stanza.copyAttributeList(other) && stanza.copyAttributeList(stanza));
+    EXPECT_TRUE(stanza.copyAttributeList(other));
+    EXPECT_TRUE(stanza.copyAttributeList(stanza));
     EXPECT_EQ(imageOf(stanza), "A=1|");
 }
