@@ -33,6 +33,7 @@ void addShow(CLI::App& app, Request& request);
 void addServers(CLI::App& app, Request& request);
 void addTry(CLI::App& app, Request& request);
 void addEdit(CLI::App& app, Request& request);  // set, unset, add, remove
+void addExport(CLI::App& app, Request& request);
 
 // Prints a JSON document; bytes that are no UTF-8 become replacement characters.
 void print(const Json& document);

@@ -38,7 +38,7 @@ int main(int argc, char** argv) {
         "Exit status: 0 when all is well, 1 when something was found wrong, 2 for a wrong command line or a "
         "file\n"
         "that cannot be used.");
-    for (const auto add : {addPath, addCheck, addList, addShow, addServers, addTry, addEdit})
+    for (const auto add : {addPath, addCheck, addList, addShow, addServers, addTry, addEdit, addExport})
         add(app, request);
     try {
         app.parse(argc, argv);

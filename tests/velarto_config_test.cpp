@@ -228,6 +228,18 @@ TEST_F(Config, ARequestThatWouldDoHarmIsRefusedAndNothingChanges) {
         {kFile + "[Admin]\nA=b\n", {"remove", "admin", "--force"}, ":14:2: this section of the same name"},
         {kFile + "[a]\n =b\n", {"add", "new", "--force"}, ":15:1: the file cannot be written anew with this"},
         {kFile, {"nonsense"}, "no command 'nonsense'; --help tells"},
+        {kFile,
+         {"export", "haproxy", "shop", "--bind", "10.0.0.9"},
+         "--bind takes ADDRESS:PORT, not '10.0.0.9'"},
+        {kFile, {"export", "haproxy", "shop", "--bind", "10.0.0.9:65534"}, "--bind leaves too few ports"},
+        {kFile,
+         {"export", "haproxy", "shop", "--bind", "10.0.0.6:18154"},
+         "a server is at 10.0.0.6:18155, where"},
+        {kFile + "[a b]\nA=b\n", {"export", "haproxy", "a b"}, "in a client's name, not 'a b'"},
+        {kFile + "[a]\nVELARTO_SERVER=h,1:h\n",
+         {"export", "haproxy", "a"},
+         "server 'h' cannot be used: 1 field"},
+        {kFile + "[a]\nVELARTO_SERVER=s#01,h,1\n", {"export", "haproxy", "a"}, "in an id, not 's#01'"},
     };
     for (const auto& [content, arguments, reason] : cases) {
         writeFile(clientsFile(), content);
@@ -261,6 +273,40 @@ TEST_F(Config, ServersTellsWhoAnswers) {
     EXPECT_TRUE(contains(config({"servers", "shop", "--probe", "--json"}).out, "\"answering\": 1"));
     configure(entry(server.port()));
     EXPECT_EQ(config({"servers", "shop", "--probe"}).exitStatus, 0);
+}
+
+// What it does with requests is seen in scale/.
+TEST_F(Config, ExportGivesEachIdAListenerThatHaproxyTakes) {
+    const std::string base = readFile(VELARTO_EXAMPLES_PATH "/haproxy-servers.cfg");
+    writeFile(folder_ / "base.cfg",
+              std::regex_replace(base, std::regex("/(etc|run)/haproxy"), VELARTO_EXAMPLES_PATH));
+    const struct {
+        std::string servers;
+        std::string gateways;  // their list
+        Texts lines;
+    } lists[] = {
+        {"h,1", "127.0.0.1,18155", {"\nlisten shop\n    bind 127.0.0.1:18155\n    server h h:1 check\n"}},
+        {"s001,h,1:S001,g,1:s002,h,2:h,3:h,4",
+         "s001,127.0.0.1,18156:s002,127.0.0.1,18157:127.0.0.1,18155",
+         {"    bind 127.0.0.1:18155\n    server s001 h:1 track shop-s001/s001\n",
+          "    bind 127.0.0.1:18156\n",
+          "    use_backend shop if is_whole !is_for_somebody\n    server s001 h:1 check\n",
+          "    server S001 g:1 check\n    server s002 h:2 track shop-s002/s002 backup\n",
+          "    server h h:3 track shop/h backup\n    server h-5 h:4 track shop/h-5 backup\n",
+          "    server h h:3 check\n    server h-5 h:4 check\n\nlisten shop-s001"}},
+    };
+    for (const auto& [servers, gateways, lines] : lists) {
+        configure(servers);
+        const std::string text = config({"export", "haproxy", "shop"}).out;
+        EXPECT_TRUE(contains(text, "\n# The gateways' list: VELARTO_SERVER=" + gateways + "\n"));
+        for (const std::string& line : lines)
+            EXPECT_TRUE(contains(text, line));
+        writeFile(folder_ / "shop.cfg", text);
+        const Outcome outcome = support::run(
+            commandOf({"/usr/sbin/haproxy", "-c", "-f", folder_ / "base.cfg", "-f", folder_ / "shop.cfg"}),
+            20s);
+        EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
+    }
 }
 
 TEST_F(Config, TryAsksAsAWebServerAndAnswersAsTheGateway) {
