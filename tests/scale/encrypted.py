@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-# A gateway and an application server on two machines, with HAProxy on both ends as in examples/: what passes between them
-# is seen at the switch. Plain, the user's words can be read there; with TLS they cannot; a server with another
-# authority's certificate or another name is not reached (602), and a gateway with such a one is not served.
+# A gateway and an application server on two machines, with HAProxy on both ends as in examples/: what passes
+# between them is seen at the switch. Plain, the user's words can be read there; with TLS they cannot; a
+# server with another authority's certificate or another name is not reached (602), and a gateway with such a
+# one is not served.
 #
 # usage: encrypted.py BUILD-FOLDER
-import json
 import pathlib
 import re
 import socket
@@ -12,7 +12,7 @@ import subprocess
 import sys
 import threading
 
-from machines import Network, configuration, enter, wait_until
+from machines import GATEWAYS_BIND, Network, enter, wait_until
 
 WORDS = b"the-words-of-a-user"
 ALL_PROTOCOLS = 3  # ETH_P_ALL of <linux/if_ether.h>
@@ -25,15 +25,17 @@ def make_certificates(folder):
 
     key = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes"]
     for authority in ("ours", "other"):
-        openssl("req", "-x509", *key, "-subj", f"/CN={authority}", "-keyout", f"{authority}.key", "-out", authority)
+        own = "-subj", f"/CN={authority}", "-keyout", f"{authority}.key"
+        openssl("req", "-x509", *key, *own, "-out", authority)
     for name, subject, authority in (
             ("server", "velarto-server", "ours"), ("gateways", "velarto-gateways", "ours"),
             ("other-server", "velarto-server", "other"), ("other-gateways", "velarto-gateways", "other")):
         openssl("req", *key, "-subj", f"/CN={subject}", "-addext", f"subjectAltName=DNS:{subject}",
                 "-keyout", "key", "-out", "request")
-        openssl("x509", "-req", "-in", "request", "-CA", authority, "-CAkey", f"{authority}.key", "-CAcreateserial",
-                "-copy_extensions", "copy", "-out", "certificate")
-        (folder / f"{name}.pem").write_bytes(b"".join((folder / f).read_bytes() for f in ("certificate", "key")))
+        by = "-CA", authority, "-CAkey", f"{authority}.key", "-CAcreateserial"
+        openssl("x509", "-req", "-in", "request", *by, "-copy_extensions", "copy", "-out", "certificate")
+        parts = (folder / "certificate").read_bytes(), (folder / "key").read_bytes()
+        (folder / f"{name}.pem").write_bytes(b"".join(parts))
 
 
 # Everything that passes a port of the switch, from now on.
@@ -54,18 +56,12 @@ class Capture:
 
 class Installation:
     def __init__(self, build):
-        self.build, self.network = build, Network()
+        self.network = Network()
         self.web, self.server = self.network.machine("web", 11), self.network.machine("server", 21)
         make_certificates(self.network.folder)
         self.pems = self.network.folder
-        (self.web.folder / "configuration").mkdir()
-        (self.web.folder / "shop").symlink_to(build / "velarto-cgi")
         self.server.start("devserver", build / "devserver/velarto-devserver", "--sid", "s001")
-        (self.web.folder / "servers.ini").write_text(configuration(f"s001,{self.server.address},18155"))
-        arguments = "export", "haproxy", "shop", "--bind", "127.0.0.1:18200", "--json"
-        exported = self.web.run(build / "admin/velarto-config", "--file", self.web.folder / "servers.ini", *arguments)
-        self.exported = json.loads(exported.stdout)
-        (self.web.folder / "configuration/clients.ini").write_text(configuration(self.exported["VELARTO_SERVER"]))
+        self.web.install_gateway(build, f"s001,{self.server.address},18155")
 
     # Both HAProxies anew, with these certificates; without any, in plain text.
     def start(self, server_pem=None, gateways_pem=None):
@@ -75,8 +71,8 @@ class Installation:
             if "haproxy" in machine.programs:
                 machine.kill("haproxy")
         if server_pem is None:
-            plain = f"listen velarto\n    bind {self.server.address}:18155\n    server local 127.0.0.1:18155\n"
-            self.server.start_haproxy((plain, {}))
+            bind = f"bind {self.server.address}:18155"
+            self.server.start_haproxy((f"listen velarto\n    {bind}\n    server local 127.0.0.1:18155\n", {}))
         else:
             files.append(("examples/haproxy-tls-gateways.cfg",
                           {**ours, "/etc/haproxy/gateways.pem": self.pems / f"{gateways_pem}.pem"}))
@@ -84,13 +80,13 @@ class Installation:
                                        {**ours, "/etc/haproxy/server.pem": self.pems / f"{server_pem}.pem",
                                         "10.0.0.5": self.server.address}))
         wait_until(lambda: self.server.listens(f"{self.server.address}:18155"), "HAProxy at the server")
-        self.web.start_haproxy(*files, (self.exported["configuration"], {}))
+        self.web.start_haproxy(*files, (self.web.listeners, {}))
 
     # The page of a request, and whether its words were seen.
     def request(self):
         capture = Capture(self.web.port_of_switch)
-        variables = {"VELARTO_PATH": self.web.folder, "REQUEST_METHOD": "GET", "QUERY_STRING": WORDS.decode()}
-        page = self.web.run(self.web.folder / "shop", check=False, env={n: str(v) for n, v in variables.items()})
+        variables = {"VELARTO_PATH": str(self.web.folder), "QUERY_STRING": WORDS.decode()}
+        page = self.web.run(self.web.gateway, check=False, env=variables)
         return page.stdout, capture.has(WORDS)
 
     # The same, once the checks of HAProxy have looked at the server.
@@ -98,7 +94,7 @@ class Installation:
         check = {"UP": "L[46]OK", "DOWN": "L6RSP"}[state]
         looked = re.compile(f'haproxy_server_check_status{{proxy="shop",server="s001",state="{check}"}} 1')
         wait_until(lambda: looked.search(self.web.metrics()), f"a check that finds the server {state}")
-        wait_until(lambda: self.web.listens("127.0.0.1:18200") == (state == "UP"), "the listener to follow")
+        wait_until(lambda: self.web.listens(GATEWAYS_BIND) == (state == "UP"), "the listener to follow")
         return self.request()
 
 
@@ -110,7 +106,8 @@ def outcome(page):
 def main():
     enter()
     installation = Installation(pathlib.Path(sys.argv[1]).resolve())
-    cases = [  # certificate of the server, of the gateways; the server's state; what comes; whether it can be read
+    # Certificate of the server, of the gateways; the server's state; what comes; whether it can be read.
+    cases = [
         (None, None, "UP", {"answered"}, True),
         ("server", "gateways", "UP", {"answered"}, False),
         ("other-server", "gateways", "DOWN", {"602"}, False),  # another authority
@@ -124,7 +121,8 @@ def main():
         page, seen = installation.settled_request(state)
         fine = outcome(page) in expected and seen == readable
         failures += not fine
-        print("ok  " if fine else "WRONG", server_pem, gateways_pem, outcome(page), "seen" if seen else "unseen")
+        verdict, sight = "ok  " if fine else "WRONG", "seen" if seen else "unseen"
+        print(verdict, server_pem, gateways_pem, outcome(page), sight)
     return 1 if failures else 0
 
 

@@ -1,5 +1,7 @@
-# Machines of a small data centre on this one: each is a network namespace of its own at a switch, with a folder for its
-# files. Nothing of it is left when the program ends, however it does: its processes are a process namespace, too.
+# Machines of a small data centre on this one: each is a network namespace of its own at a switch, with a
+# folder for its files. Nothing of it is left when the program ends, however it does: its processes are a
+# process namespace, too.
+import json
 import os
 import pathlib
 import subprocess
@@ -10,6 +12,7 @@ import time
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 NAMESPACES = ["unshare", "--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
 SKIPPED = 77
+GATEWAYS_BIND = "127.0.0.1:18200"  # where HAProxy listens for the gateways of its machine
 
 
 # Runs the program in namespaces; ends with 77 where they cannot be made.
@@ -40,7 +43,8 @@ class Machine:
         holder = ["unshare", "--net", "sh", "-c", "echo; exec sleep infinity"]
         self.holder = subprocess.Popen(holder, stdout=subprocess.PIPE)
         self.holder.stdout.readline()  # it has its namespace
-        ip("link", "add", self.port_of_switch, "type", "veth", "peer", "name", "eth0", "netns", self.holder.pid)
+        peer = "peer", "name", "eth0", "netns", self.holder.pid
+        ip("link", "add", self.port_of_switch, "type", "veth", *peer)
         ip("link", "set", self.port_of_switch, "master", "switch", "up")
         for command in ("addr add {0}/16 dev eth0", "link set eth0 up", "link set lo up"):
             self.run("ip", *command.format(address).split())
@@ -71,6 +75,19 @@ class Machine:
 
     def listens(self, endpoint):
         return f" {endpoint} " in self.run("ss", "-Hltn").stdout
+
+    # The gateway as the program in cgi-bin, its configuration for HAProxy at 127.0.0.1, and that of HAProxy.
+    def install_gateway(self, build, servers):
+        for folder in ("configuration", "htdocs/cgi-bin", "run"):
+            (self.folder / folder).mkdir(parents=True)
+        self.gateway = self.folder / "htdocs/cgi-bin/shop"
+        self.gateway.symlink_to(build / "velarto-cgi")
+        servers_file = self.folder / "servers.ini"
+        servers_file.write_text(configuration(servers))
+        export = "--file", servers_file, "export", "haproxy", "shop", "--bind", GATEWAYS_BIND, "--json"
+        exported = json.loads(self.run(build / "admin/velarto-config", *export).stdout)
+        (self.folder / "configuration/clients.ini").write_text(configuration(exported["VELARTO_SERVER"]))
+        self.listeners = exported["configuration"]
 
     # HAProxy with these files, their places in the system replaced by the machine's folder.
     def start_haproxy(self, *files):

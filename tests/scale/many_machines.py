@@ -1,14 +1,14 @@
 #!/usr/bin/env python3
-# 50 users ask a site of six machines: HAProxy in front, two web machines (Apache and lighttpd, each with the gateway and
-# an HAProxy of its own behind it), three application servers; all as in examples/. Meanwhile one application server's
-# machine is unplugged for a while, and one web machine loses its power. Nobody may get another user's answer, nobody may
-# leave his server unless it is unplugged, and each error must be one of those that the two events explain.
+# 50 users ask a site of six machines: HAProxy in front, two web machines (Apache and lighttpd, each with the
+# gateway and an HAProxy of its own behind it), three application servers; all as in examples/. Meanwhile one
+# application server's machine is unplugged for a while, and one web machine is started again. Nobody may get
+# another user's answer, nobody may leave his server unless it is unplugged, and each error must be one of
+# those that the two events explain.
 #
 # usage: many_machines.py BUILD-FOLDER [--short]
 #   --short   500 requests in 10 seconds instead of 5,000 in 60
 import collections
 import http.client
-import json
 import pathlib
 import re
 import socket
@@ -16,7 +16,7 @@ import sys
 import threading
 import time
 
-from machines import Network, SOURCE, configuration, enter, ip, replaced, wait_until
+from machines import GATEWAYS_BIND, SOURCE, Network, enter, ip, replaced, wait_until
 
 USERS = 50
 AS_NOBODY = ["-cUser nobody", "-cGroup nogroup"]
@@ -32,8 +32,8 @@ class Site:
         self.webs = [self.network.machine("web1", 11), self.network.machine("web2", 12)]
         self.servers = {sid: self.network.machine(sid, 21 + n) for n, sid in enumerate(SERVERS)}
         for sid, machine in self.servers.items():
-            listen = f"--listen={machine.address}:18155"
-            machine.start("devserver", build / "devserver/velarto-devserver", "--misbehave", f"--sid={sid}", listen)
+            options = "--misbehave", f"--sid={sid}", f"--listen={machine.address}:18155"
+            machine.start("devserver", build / "devserver/velarto-devserver", *options)
         for web in self.webs:
             self.set_up(web)
             self.start(web)
@@ -41,19 +41,11 @@ class Site:
                                   {f"10.0.0.{n}": web.address for n, web in enumerate(self.webs, 1)}))
         self.wait_until_all_are_up()
 
-    # The gateway, its configuration, and those of the web server and of HAProxy.
     def set_up(self, web):
-        for folder in ("configuration", "htdocs/cgi-bin", "run"):
-            (web.folder / folder).mkdir(parents=True)
+        servers = ":".join(f"{sid},{machine.address},18155" for sid, machine in self.servers.items())
+        web.install_gateway(self.build, servers)
         (web.folder / "run").chmod(0o777)
         (web.folder / "htdocs/up.html").write_text("up\n")
-        (web.folder / "htdocs/cgi-bin/shop").symlink_to(self.build / "velarto-cgi")
-        (web.folder / "servers.ini").write_text(configuration(
-            ":".join(f"{sid},{machine.address},18155" for sid, machine in self.servers.items())))
-        arguments = "export", "haproxy", "shop", "--bind", "127.0.0.1:18200", "--json"
-        exported = web.run(self.build / "admin/velarto-config", "--file", web.folder / "servers.ini", *arguments)
-        web.exported = json.loads(exported.stdout)
-        (web.folder / "configuration/clients.ini").write_text(configuration(web.exported["VELARTO_SERVER"]))
         frames = {"apache": "LoadModule remoteip_module /usr/lib/apache2/modules/mod_remoteip.so\n"
                             f"RemoteIPHeader X-Forwarded-For\nRemoteIPInternalProxy {self.front.address}\n",
                   "lighttpd": 'server.modules += ("mod_extforward")\nextforward.headers = ("Forwarded")\n'
@@ -65,14 +57,13 @@ class Site:
                 "127.0.0.1:@PORT@": f"{web.address}:80", "127.0.0.1": web.address, "@PORT@": "80"}))
 
     def start(self, web):
-        web.start_haproxy(("examples/haproxy-servers.cfg", {}), (web.exported["configuration"], {}))
-        wait_until(lambda: web.listens("127.0.0.1:18200"), "HAProxy behind the gateways")
-        if web is self.webs[0]:
-            web.start("web", "/usr/sbin/apache2", "-DFOREGROUND", "-f", web.folder / "apache.conf", *AS_NOBODY)
-        else:
-            web.start("web", "/usr/sbin/lighttpd", "-D", "-f", web.folder / "lighttpd.conf")
+        web.start_haproxy(("examples/haproxy-servers.cfg", {}), (web.listeners, {}))
+        wait_until(lambda: web.listens(GATEWAYS_BIND), "HAProxy behind the gateways")
+        apache = "/usr/sbin/apache2", "-DFOREGROUND", *AS_NOBODY, "-f", web.folder / "apache.conf"
+        lighttpd = "/usr/sbin/lighttpd", "-D", "-f", web.folder / "lighttpd.conf"
+        web.start("web", *(apache if web is self.webs[0] else lighttpd))
 
-    # Its web server first: gateways that find no HAProxy say 602.
+    # The web server first: gateways that find no HAProxy say 602.
     def kill(self, web):
         web.kill("web")
         web.kill("haproxy")
@@ -137,22 +128,26 @@ class User(threading.Thread):
         token = f"token-{self.number}-{i}-"
         slow = (i + self.number) % 10 == 0  # under way for a second
         method = "GET" if i % 3 else "POST"
-        path = f"/misbehave?how=wait&ms=1000&{token}" if slow else f"/form?{token}" if method == "POST" else f"/?{token}"
-        body = token + "x" * (i * 997 % 40000) if method == "POST" else None  # some fit into no buffer of HAProxy
+        path = "/misbehave?how=wait&ms=1000&" if slow else "/form?" if method == "POST" else "/?"
+        # Some bodies are too long for HAProxy's buffer.
+        body = token + "x" * (i * 997 % 40000) if method == "POST" else None
         try:
-            status, headers, page = self.ask(method, path, body)
+            status, headers, page = self.ask(method, path + token, body)
         except (OSError, http.client.HTTPException) as error:
             return f"error: {method} ended by {type(error).__name__}"
         code = re.search(r"Error Code: (\d+)<br />", page)
-        if code or status != 200:
-            return f"error: {method}, page {code[1]}" if code else f"error: {method}, {status} of HAProxy in front"
+        if code:
+            return f"error: {method}, page {code[1]}"
+        if status != 200:
+            return f"error: {method}, {status} of HAProxy in front"
         tokens = set(re.findall(r"token-\d+-\d+-", page))
         if tokens != (set() if slow else {token}) or not page.endswith("</p>\n" if slow else "</html>\n"):
             return f"wrong: the request with {token} got {page}"
         came_from = re.search(r">REMOTE_ADDR</th><td>([^<]*)<", page)
         if came_from and came_from[1] != self.address:
             return f"wrong: {self.address} passed for {came_from[1]}"
-        return "answered by the user's server" if server_in(headers) == self.home else "answered by another server"
+        is_home = server_in(headers) == self.home
+        return "answered by the user's server" if is_home else "answered by another server"
 
 
 def server_in(headers):
