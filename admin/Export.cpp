@@ -106,8 +106,8 @@ std::string gatewaysListOf(const std::vector<Listener>& listeners) {
 
 std::string hex(const std::string& text) {
     std::string digits;
-    for (const unsigned char c : text)
-        digits += format("%02X", c);
+    for (const char c : text)
+        digits += format("%02X", static_cast<unsigned>(static_cast<unsigned char>(c)));
     return digits;
 }
 
