@@ -1,5 +1,6 @@
 #include "config/ClientKeys.h"
 
+#include <array>
 #include <cstring>
 #include <utility>
 
@@ -59,6 +60,6 @@ bool IsWordValue(Stanza& section, const char* key, const char* word) {
 
 CText& ListIgnoredKeys(Stanza& section, CText& out) {
     out.Clear();
-    listIgnored(section, out, std::make_index_sequence<sizeof kClientKeys / sizeof *kClientKeys>());
+    listIgnored(section, out, std::make_index_sequence<std::size(kClientKeys)>());
     return out;
 }
