@@ -24,13 +24,11 @@ std::string ruleText(ConfigPathRule rule) {
 
 std::string namesOfClients(const Outline& outline) {
     constexpr std::size_t kMost = 20;
+    const std::vector<std::string> clients = clientsIn(outline);
     std::string names;
-    std::size_t count = 0;
-    for (const OutlineSection& section : outline.sections()) {
-        if (isClient(outline, section) && ++count <= kMost)
-            names += (names.empty() ? "" : ", ") + shown(section.name.text);
-    }
-    if (count > kMost) names += " and " + std::to_string(count - kMost) + " more";
+    for (std::size_t i = 0; i < clients.size() && i < kMost; ++i)
+        names += (i == 0 ? "" : ", ") + shown(clients[i]);
+    if (clients.size() > kMost) names += " and " + std::to_string(clients.size() - kMost) + " more";
     return names.empty() ? "none" : names;
 }
 
@@ -87,6 +85,14 @@ const OutlineSection& Snapshot::client(const std::string& name) const {
 bool isClient(const Outline& outline, const OutlineSection& section) {
     const std::string& name = section.name.text;
     return !name.empty() && outline.find(name) == &section && !sameName(name, kDirectoryStanza);
+}
+
+std::vector<std::string> clientsIn(const Outline& outline) {
+    std::vector<std::string> names;
+    for (const OutlineSection& section : outline.sections()) {
+        if (isClient(outline, section)) names.push_back(section.name.text);
+    }
+    return names;
 }
 
 std::string faultText(const std::string& path, Place place, const std::string& reason) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "Command.h"
 #include "Outline.h"
@@ -37,6 +38,8 @@ class Snapshot {
 
 // Whether the section is the one that a client uses: named, the first of its name, and not the directory.
 bool isClient(const Outline& outline, const OutlineSection& section);
+
+std::vector<std::string> clientsIn(const Outline& outline);
 
 // What is wrong at that place of the file, after "path:line:column:"; line 0: with the file as a whole.
 std::string faultText(const std::string& path, Place place, const std::string& reason);

@@ -4,7 +4,10 @@
 #include <iostream>
 
 #include "Command.h"
+#include "Configuration.h"
 #include "client/Velarto.h"
+#include "common/Completion.h"
+#include "config/ClientKeys.h"
 
 namespace {
 
@@ -17,6 +20,22 @@ int runCommand(const Request& request) {
         std::cerr << "velarto-config: " << error.what() << '\n';
         return kUnusable;
     }
+}
+
+// What a shell may offer for an argument.
+std::vector<std::string> wordsFor(const Request& request, const std::string& command,
+                                  const std::string& argument) {
+    std::vector<std::string> words;
+    if (argument == "KEY") {
+        for (const ClientKey* key : kClientKeys)
+            words.emplace_back(key->name);
+    } else if (argument == "CLIENT" && command != "add") {
+        try {
+            words = clientsIn(Snapshot(locate(request)).outline());
+        } catch (const Failure&) {  // no file, no clients
+        }
+    }
+    return words;
 }
 
 }  // namespace
@@ -40,6 +59,10 @@ int main(int argc, char** argv) {
         "that cannot be used.");
     for (const auto add : {addPath, addCheck, addList, addShow, addServers, addTry, addEdit, addExport})
         add(app, request);
+    const auto words = [&request](const CLI::App& command, const std::string& argument) {
+        return wordsFor(request, command.get_name(), argument);
+    };
+    if (const auto status = complete(app, argc, argv, words)) return *status;
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

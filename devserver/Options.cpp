@@ -8,6 +8,7 @@
 #include "Misbehave.h"
 #include "Pages.h"
 #include "client/Velarto.h"
+#include "common/Completion.h"
 #include "common/Text.h"
 
 namespace {
@@ -97,6 +98,7 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
     app.add_flag("--misbehave", options.misbehave, "serve the page /misbehave, and cut=N on every page");
     app.add_flag("-v,--verbose", options.verbose, "a line on standard output for every request");
 
+    if (const auto status = complete(app, argc, argv)) return status;
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

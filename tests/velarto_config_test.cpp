@@ -4,6 +4,7 @@
 #include <map>
 #include <regex>
 
+#include "config/ClientKeys.h"
 #include "support/Contains.h"
 #include "support/DevServer.h"
 #include "support/Gateway.h"
@@ -158,6 +159,42 @@ TEST_F(Config, WhatIsThereIsShown) {
     const Outcome outcome = config({"path"});
     EXPECT_EQ(outcome.err, "velarto-config: " + clientsFile() + ": No such file or directory\n");
     EXPECT_EQ(outcome.exitStatus, 2);
+}
+
+// By the scripts that are installed.
+TEST_F(Config, CompletionInBashOffersWhatFits) {
+    std::string keys;
+    for (const ClientKey* key : kClientKeys)
+        keys += key->name + std::string("\n");
+    const std::string program = VELARTO_CONFIG_PATH, devServer = VELARTO_DEVSERVER_PATH;
+    const struct {
+        std::string program, line, offered;
+    } cases[] = {
+        {program, "", "path\ncheck\nlist\nshow\nservers\ntry\nset\nunset\nadd\nremove\n"},
+        {program, "set -", "--file\n--force\n--help\n--json\n--version\n-h\n"},
+        {program, "servers --t", "--timeout\n"},
+        {program, "--json set SH", "shop\n"},
+        {program, "show --file=other ", "my\\ shop\n"},  // not what would change the terminal
+        {program, "show --file other my\\ s", "my\\ shop\n"},
+        {program, "set shop ", keys},
+        {program, "unset shop answert", "ANSWERTIMEOUT\n"},
+        {program, "try --header A:b a", "admin\n"},
+        {program, "add ", ""},
+        {program, "show --file ", "names of files\n"},
+        {devServer, "--listen 127.0.0.1:0 --m", "--max-body\n--misbehave\n"},
+        {devServer, "", ""},
+    };
+    writeFile(folder_ / "work/other", "[my shop]\nA=b\n\n[a\tb]\nA=b\n\n");
+    for (const auto& [asked, line, offered] : cases) {
+        const std::string script = "compopt() { COMPREPLY=('names of files'); }\n. " +
+                                   std::filesystem::path(asked).replace_filename("completion.bash").string() +
+                                   "\nCOMP_LINE='program " + line + "' COMP_POINT=99\n_velarto_complete " +
+                                   asked +
+                                   "\n((${#COMPREPLY[@]} == 0)) || printf '%s\\n' \"${COMPREPLY[@]}\"";
+        const Outcome outcome = config({}, "", {"/bin/bash", "-c", script, "bash"});
+        EXPECT_EQ(outcome.out, offered) << line;
+        EXPECT_EQ(outcome.err, "") << line;
+    }
 }
 
 TEST_F(Config, ChangesLeaveTheOtherSectionsAlone) {
