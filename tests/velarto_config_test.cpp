@@ -163,14 +163,18 @@ TEST_F(Config, WhatIsThereIsShown) {
 
 // By the scripts that are installed.
 TEST_F(Config, CompletionInBashOffersWhatFits) {
-    std::string keys;
+    std::string commands, keys;
+    const std::string help = config({"--help"}).out;
+    const std::regex command("\n  ([a-z]+) ");
+    for (std::sregex_iterator i(help.begin(), help.end(), command), end; i != end; ++i)
+        commands += (*i)[1].str() + "\n";
     for (const ClientKey* key : kClientKeys)
         keys += key->name + std::string("\n");
     const std::string program = VELARTO_CONFIG_PATH, devServer = VELARTO_DEVSERVER_PATH;
     const struct {
         std::string program, line, offered;
     } cases[] = {
-        {program, "", "path\ncheck\nlist\nshow\nservers\ntry\nset\nunset\nadd\nremove\n"},
+        {program, "", commands},
         {program, "set -", "--file\n--force\n--help\n--json\n--version\n-h\n"},
         {program, "servers --t", "--timeout\n"},
         {program, "--json set SH", "shop\n"},
