@@ -3,16 +3,17 @@
 
 #include <sys/uio.h>
 
+#include "cgi/CgiVariables.h"
 #include "cgi/HttpStatus.h"
 
 // Whether a program of that base name writes the HTTP status line itself.
 bool IsNphName(const char* name);
 
 // The status line, and the "Server:" line where the web server has told its name; both end in a line feed alone. The
-// texts stay in the environment and in this object.
+// texts stay where the variables are, and in this object.
 class NphLines {
   public:
-    explicit NphLines(HttpStatus status);
+    NphLines(HttpStatus status, const CgiVariables& variables);
     NphLines(const NphLines&) = delete;
     NphLines& operator=(const NphLines&) = delete;
 

@@ -1,32 +1,28 @@
 #include "cgi/RequestId.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "platform/random_impl.h"
 
 namespace {
 
-char requestId[65];
-
 // The name stands in pages and logs: nothing but letters, digits and what such names are made of.
-bool isPlain(const char* name) {
+bool isPlain(const char* name, std::size_t length) {
     constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789@_-";
-    const std::size_t length = std::strlen(name);
-    return length != 0 && length < sizeof requestId && std::strspn(name, kAlphabet) == length;
+    return length != 0 && std::strspn(name, kAlphabet) == length;
 }
 
 }  // namespace
 
-const char* RequestId() {
-    if (requestId[0] != '\0') return requestId;
-    const char* given = std::getenv("UNIQUE_ID");
-    if (given != nullptr && isPlain(given)) {
-        std::strcpy(requestId, given);
+const char* RequestId::text() {
+    if (text_[0] != '\0') return text_;
+    const char* given = variables_.get("UNIQUE_ID");
+    const std::size_t length = given != nullptr ? std::strlen(given) : 0;
+    if (length < sizeof text_ && isPlain(given, length)) {
+        std::memcpy(text_, given, length + 1);
     } else {
-        std::snprintf(requestId, sizeof requestId, "%016llx",
-                      static_cast<unsigned long long>(RandomNumber()));
+        std::snprintf(text_, sizeof text_, "%016llx", static_cast<unsigned long long>(RandomNumber()));
     }
-    return requestId;
+    return text_;
 }

@@ -4,10 +4,8 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 
-#include "cgi/RequestId.h"
 #include "eventlog/eventlog_impl.h"
 
 namespace {
@@ -27,11 +25,6 @@ timespec now() {
 double millisecondsBetween(const timespec& from, const timespec& to) {
     return static_cast<double>(to.tv_sec - from.tv_sec) * 1e3 +
            static_cast<double>(to.tv_nsec - from.tv_nsec) / 1e6;
-}
-
-const char* variable(const char* name) {
-    const char* value = std::getenv(name);
-    return value != nullptr ? value : "";
 }
 
 // A value in quotes. What could end it, or the line, is written in other characters: nobody outside can forge a field.
@@ -126,16 +119,30 @@ void RequestLog::writePrepared() const {
     if (!prepared_.IsEmpty() && standardError_ != -1) writeAtOnce(standardError_, prepared_);
 }
 
+double RequestLog::milliseconds(Step from, Step to) const {
+    const bool wereBoth = entered_[from].tv_sec != 0 && entered_[to].tv_sec != 0;
+    return wereBoth ? millisecondsBetween(entered_[from], entered_[to]) : -1;
+}
+
+double RequestLog::milliseconds(Step from) const {
+    return entered_[from].tv_sec != 0 ? millisecondsBetween(entered_[from], now()) : -1;
+}
+
 void RequestLog::appendTime(CText& line, const char* name, Step from, Step to) const {
-    if (entered_[to].tv_sec == 0) return;
-    line.AppendFormat(" %s=%.1f", name, millisecondsBetween(entered_[from], entered_[to]));
+    const double time = milliseconds(from, to);
+    if (time >= 0) line.AppendFormat(" %s=%.1f", name, time);
+}
+
+const char* RequestLog::variable(const char* name) const {
+    const char* value = variables_.get(name);
+    return value != nullptr ? value : "";
 }
 
 CText RequestLog::lineOf(const RequestEnd& end) const {
     CText line;
     line.Format("time=%s", timeText().GetTextEx());
     appendValue(line, "client", client_);
-    appendValue(line, "request", RequestId());
+    appendValue(line, "request", requestId_.text());
     appendValue(line, "method", variable("REQUEST_METHOD"));
     appendValue(line, "path", variable("PATH_INFO"));
     if (end.client != nullptr && end.client->choice() != ServerChoice::kNone) {
@@ -146,7 +153,7 @@ CText RequestLog::lineOf(const RequestEnd& end) const {
     }
     appendTime(line, "connect_ms", kConnection, kSending);
     appendTime(line, "first_byte_ms", kAnswer, kRest);
-    line.AppendFormat(" total_ms=%.1f", millisecondsBetween(entered_[kBody], now()));
+    line.AppendFormat(" total_ms=%.1f", milliseconds(kBody));
     line.AppendFormat(" bytes_in=%llu bytes_out=%llu", static_cast<unsigned long long>(end.bytesIn),
                       static_cast<unsigned long long>(end.bytesOut));
     line.AppendFormat(" code=%d", end.code);

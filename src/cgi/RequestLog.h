@@ -5,7 +5,9 @@
 #include <ctime>
 
 #include "Server/Common_Classes/UText.h"
+#include "cgi/CgiVariables.h"
 #include "cgi/HttpStatus.h"
+#include "cgi/RequestId.h"
 #include "client/ResponseSettings.h"
 #include "protocol/QuilClient.h"
 
@@ -27,10 +29,20 @@ class RequestLog {
     // What is being waited for.
     enum Step { kBody, kConnection, kSending, kAnswer, kRest, kSteps };
 
+    RequestLog(const CgiVariables& variables, RequestId& requestId)
+        : variables_(variables), requestId_(requestId) {}
+    RequestLog(const RequestLog&) = delete;
+    RequestLog& operator=(const RequestLog&) = delete;
+
     // standardError: the descriptor that stood there at the start; -1: there was none. The settings outlive the log.
     void open(const ResponseSettings& settings, const char* client, int standardError);
     void enter(Step step);
     void write(const RequestEnd& end);
+
+    Step step() const { return step_; }
+    // Between two steps, or from one to now; below 0 when one was never come to, or there is no log.
+    double milliseconds(Step from, Step to) const;
+    double milliseconds(Step from) const;
 
     // The line of a request that takes too long, made beforehand for a signal handler; without the times that are not
     // known yet. Only for standard error: the system logger is out of a handler's reach.
@@ -39,9 +51,12 @@ class RequestLog {
 
   private:
     bool isOn() const { return settings_ != nullptr && settings_->log != LogTarget::kNone; }
+    const char* variable(const char* name) const;
     CText lineOf(const RequestEnd& end) const;
     void appendTime(CText& line, const char* name, Step from, Step to) const;
 
+    const CgiVariables& variables_;
+    RequestId& requestId_;
     const ResponseSettings* settings_ = nullptr;
     const char* client_ = "";
     int standardError_ = -1;

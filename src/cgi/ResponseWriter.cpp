@@ -3,13 +3,11 @@
 #include <strings.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "Server/Common_Classes/MemoryWatch.h"
 #include "cgi/ErrorPage.h"
 #include "cgi/NphLines.h"
-#include "cgi/RequestId.h"
 #include "cgi/VeHttpResponse.h"
 #include "client/QuilClientError.h"
 #include "platform/osfile_impl.h"
@@ -39,21 +37,25 @@ CText& makeStatusField(void* response, const char* fields, CText& out) {
     return out;
 }
 
-bool isHeadRequest() {
-    const char* method = std::getenv("REQUEST_METHOD");
+bool isHeadRequest(const CgiVariables& variables) {
+    const char* method = variables.get("REQUEST_METHOD");
     return method != nullptr && std::strcmp(method, "HEAD") == 0;
 }
 
+}  // namespace
+
 // A failure's page with what stands before it, in pieces that leave in one write: the C library's stream would lose
 // what an interrupted or blocked write had.
-class Failure {
+class ResponseWriter::Failure {
   public:
     static constexpr int kParts = NphLines::kParts + 4;
 
-    Failure(std::uint32_t code, HttpStatus status, const ResponseSettings& settings, bool isNph, bool isFirst)
-        : page_(code, status, settings.errorPage, settings.errorPage.IsEmpty() ? "" : RequestId()),
-          nph_(settings.sendsHttpStatus ? status : kInternalServerError) {
-        const bool tellsStatus = settings.sendsHttpStatus && isFirst;
+    // isFirst: nothing has gone out before it.
+    Failure(const ResponseWriter& writer, std::uint32_t code, HttpStatus status, bool isFirst)
+        : page_(code, status, writer.settings_.errorPage, nameOf(writer)),
+          nph_(writer.settings_.sendsHttpStatus ? status : kInternalServerError, writer.variables_) {
+        const bool isNph = writer.isNph_;
+        const bool tellsStatus = writer.settings_.sendsHttpStatus && isFirst;
         const char* text = page_.text();
         if (*text == '\0') {  // there was no memory to put it together
             std::snprintf(shortPage_, sizeof shortPage_, VE_ERR_HTML_TEMPLATE, static_cast<int>(code),
@@ -68,9 +70,10 @@ class Failure {
         *next++ = TextPart(statusField_);
         *next++ = TextPart(comesBack ? "Retry-After: 10\r\n" : "");
         *next++ = TextPart("Content-type: text/html\r\n\r\n");
-        *next =
-            TextPart(isNph && isHeadRequest() ? "" : text);  // the web server takes it from any other program
-        lacksErrorPage_ = page_.isBuiltIn() && !settings.errorPage.IsEmpty();
+        *next = TextPart(isNph && isHeadRequest(writer.variables_)
+                             ? ""
+                             : text);  // the web server takes it from any other program
+        lacksErrorPage_ = page_.isBuiltIn() && !writer.settings_.errorPage.IsEmpty();
     }
     Failure(const Failure&) = delete;
     Failure& operator=(const Failure&) = delete;
@@ -80,14 +83,17 @@ class Failure {
     iovec parts[kParts] = {};
 
   private:
+    // Only a page of the operator's own shows it.
+    static const char* nameOf(const ResponseWriter& writer) {
+        return writer.settings_.errorPage.IsEmpty() ? "" : writer.requestId_.text();
+    }
+
     const ErrorPage page_;
     const NphLines nph_;
     bool lacksErrorPage_;
     char statusField_[64] = "";
     char shortPage_[512];
 };
-
-}  // namespace
 
 bool ResponseWriter::writeHeader(const char* header, std::uint32_t length) {
     void* response = VeHttpParseResponse(header, false);
@@ -125,24 +131,37 @@ bool ResponseWriter::finish() {
     return writeBody(nullptr, 0);
 }
 
+bool ResponseWriter::take(TQUILReqType type, const char* data, std::uint32_t length) {
+    switch (type) {
+        case QUIL_HTTP_HEADER:
+            return writeHeader(data, length);
+        case QUIL_BODY_DATA:
+            return writeBody(data, length);
+        case QUIL_END:
+            return finish();
+        default:
+            return true;
+    }
+}
+
 bool ResponseWriter::write(iovec* parts, int count) {
     for (int i = 0; i < count; ++i)
         bytesWritten_ += parts[i].iov_len;
-    return WriteOSFile(fd_, parts, count) || !settings_.cutsBrokenAnswers;
+    return sink_.write(parts, count) || !settings_.cutsBrokenAnswers;
 }
 
 void ResponseWriter::writeErrorPage(std::uint32_t code, HttpStatus status) {
     if (settings_.cutsBrokenAnswers && hasBegun()) return;
     if (settings_.cutsBrokenAnswers || settings_.sendsHttpStatus) held_.Clear();
     finish();
-    Failure failure(code, status, settings_, isNph_, !hasBegun());
+    Failure failure(*this, code, status, !hasBegun());
     lacksErrorPage_ = failure.lacksErrorPage();
     write(failure.parts, Failure::kParts);
 }
 
 bool ResponseWriter::prepareErrorPage(std::uint32_t code, HttpStatus status) {
     const MemoryWatch memory;
-    const Failure failure(code, status, settings_, isNph_, true);
+    const Failure failure(*this, code, status, true);
     for (const iovec& part : failure.parts)
         prepared_ += CText(static_cast<const char*>(part.iov_base), static_cast<std::uint32_t>(part.iov_len));
     return !memory.ranOut();
@@ -151,5 +170,5 @@ bool ResponseWriter::prepareErrorPage(std::uint32_t code, HttpStatus status) {
 void ResponseWriter::writePreparedPage() const {
     if (hasBegun()) return;
     iovec part = {const_cast<char*>(prepared_.GetTextEx()), prepared_.Length()};
-    WriteOSFile(fd_, &part, 1);
+    sink_.write(&part, 1);
 }

@@ -15,16 +15,17 @@ void readLog(Stanza& section, ResponseSettings& settings) {
 
 }  // namespace
 
+ResponseSettings::ResponseSettings(Stanza& section)
+    : cutsBrokenAnswers(IsWordValue(section, key::BROKENANSWER, "cut")),
+      sendsHttpStatus(IsTrueValue(section, key::HTTPSTATUS)),
+      requestTimeout(NumberValue(section, key::REQUESTTIMEOUT)),
+      needsLength(IsTrueValue(section, key::NEEDLENGTH)) {
+    section.getValue(key::ERRORPAGE.name, errorPage);
+    section.getValue(key::FILEROOT.name, fileRoots);
+    readLog(section, *this);
+}
+
 ResponseSettings ResponseSettings::load() {
-    ResponseSettings settings;
     const ReadLock lock(RWLock);
-    if (!lock || configStanza == nullptr) return settings;
-    settings.cutsBrokenAnswers = IsWordValue(*configStanza, key::BROKENANSWER, "cut");
-    settings.sendsHttpStatus = IsTrueValue(*configStanza, key::HTTPSTATUS);
-    settings.needsLength = IsTrueValue(*configStanza, key::NEEDLENGTH);
-    settings.requestTimeout = NumberValue(*configStanza, key::REQUESTTIMEOUT);
-    configStanza->getValue(key::ERRORPAGE.name, settings.errorPage);
-    configStanza->getValue(key::FILEROOT.name, settings.fileRoots);
-    readLog(*configStanza, settings);
-    return settings;
+    return lock && configStanza != nullptr ? ResponseSettings(*configStanza) : ResponseSettings();
 }

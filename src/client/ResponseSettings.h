@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "Server/Common_Classes/UText.h"
+#include "config/Stanza.h"
 
 enum class LogTarget { kNone, kStandardError, kSystemLogger };
 
@@ -18,6 +19,9 @@ struct ResponseSettings {
     LogTarget log = LogTarget::kNone;  // CLIENTLOG
     bool logsAll = false;              // every request, not failures alone
     CText ignoredKeys;  // with a log: those whose values are none that they take, joined with ","
+
+    ResponseSettings() = default;
+    explicit ResponseSettings(Stanza& section);
 
     // Those of the loaded section; the defaults when none is loaded.
     static ResponseSettings load();
