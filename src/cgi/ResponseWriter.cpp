@@ -151,7 +151,8 @@ bool ResponseWriter::write(iovec* parts, int count) {
 }
 
 void ResponseWriter::writeErrorPage(std::uint32_t code, HttpStatus status) {
-    if (settings_.cutsBrokenAnswers && hasBegun()) return;
+    isCut_ = settings_.cutsBrokenAnswers && hasBegun();
+    if (isCut_) return;
     if (settings_.cutsBrokenAnswers || settings_.sendsHttpStatus) held_.Clear();
     finish();
     Failure failure(*this, code, status, !hasBegun());

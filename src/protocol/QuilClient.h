@@ -115,6 +115,7 @@ class QuilClient : public DripClient {
 
     // Notes why a connection failed, an errno value or ServerState::kNoSuchHost, and in words; always false.
     bool failConnection(int cause, const char* reason);
+    int failureCause() const { return failureCause_; }  // of the attempt that failed last, where somebody asks
 
   private:
     bool connectToChosenServer(const TQuilRequest* request, Stanza& clientSection);
