@@ -1,5 +1,7 @@
 #include "FcgiRequest.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <cctype>
 #include <climits>
@@ -40,12 +42,19 @@ bool FcgiRequest::begin() {
 
 void FcgiRequest::finish(bool isWhole) {
     if (!isWhole) {
-        flush();
+        spoil();
         return;
     }
     isGone_ |= FCGX_FClose(request_.err) != 0;
     isGone_ |= FCGX_FClose(request_.out) != 0;
     isKept_ = request_.keepConnection != 0 && !isGone_ && takeRestOfBody();
+}
+
+// nginx takes the connection's end for the response's where it keeps no connections, and hides what is missing. A record
+// of an unknown version is a failure to every web server.
+void FcgiRequest::spoil() {
+    constexpr char kNoRecord[8] = {};
+    if (flush()) send(request_.ipcFd, kNoRecord, sizeof kNoRecord, MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
 // What is left of a body would be taken for the next request's. The mark of its end is left of every one.

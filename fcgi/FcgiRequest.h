@@ -20,8 +20,8 @@ class FcgiRequest : public CgiVariables, public BodySource, public ResponseSink 
     // Receives the variables. False when what came is no request to a responder: the connection is closed then.
     bool begin();
 
-    // Ends the response. One that is not whole ends without the mark of its end: the web server then takes it for
-    // broken. Afterwards the request is of no use, but for release().
+    // Ends the response; one that is not whole so that the web server takes it for broken. Afterwards the request is of
+    // no use, but for release().
     void finish(bool isWhole);
     // Whether the connection stays open, and is the caller's again.
     bool release();
@@ -43,6 +43,7 @@ class FcgiRequest : public CgiVariables, public BodySource, public ResponseSink 
     bool flush();  // what was written leaves; false when nobody takes it
 
   private:
+    void spoil();
     bool takeRestOfBody();
 
     FCGX_Request request_;

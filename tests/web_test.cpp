@@ -1,5 +1,5 @@
-// The gateway under real web servers, Apache's mod_cgid, lighttpd's mod_cgi and nginx with fcgiwrap, driven by
-// curl. Each test has a web server and an application server of its own on the loopback address, all files in a
+// The gateway under real web servers, Apache's mod_cgid, lighttpd's mod_cgi and nginx with fcgiwrap, and velarto-fcgi
+// behind the same three, driven by curl. Each test has a web server and an application server of its own on the loopback address, all files in a
 // temporary folder; the part of the web server's configuration that concerns the gateway is examples/.
 #include <sys/stat.h>
 #include <unistd.h>
@@ -35,20 +35,38 @@ bool comesTrue(Condition condition) {
     return false;
 }
 
+std::string hex4(unsigned number) {
+    char text[8];
+    std::snprintf(text, sizeof text, "%04X", number);
+    return text;
+}
+
 std::string bodyOf(const std::string& answer) {
     return answer.substr(answer.find("\r\n\r\n") + 4);
 }
 
 struct WebServer {
-    std::string name;      // support/NAME.conf is the frame of its configuration
-    Texts command;         // followed by the path of the configuration
-    std::string harmless;  // stands in those lines of the error log that are no complaint
+    std::string name;       // support/NAME.conf is the frame of its configuration
+    Texts command;          // followed by the path of the configuration
+    std::string harmless;   // stands in those lines of the error log that are no complaint
+    Texts examples;         // the part of the configuration that concerns the client
+    bool isHost;            // velarto-fcgi, not the gateway, stands behind it
+    std::string brokenOff;  // stands in the lines about a host's answer that is not whole
 };
 
+const Texts kApache = {"/usr/sbin/apache2", "-DFOREGROUND", "-f"};
+const Texts kLighttpd = {"/usr/sbin/lighttpd", "-D", "-f"};
+const Texts kNginx = {"/usr/sbin/nginx", "-e", "stderr", "-c"};
+
 const WebServer kServers[] = {
-    {"apache", {"/usr/sbin/apache2", "-DFOREGROUND", "-f"}, ":notice]"},
-    {"lighttpd", {"/usr/sbin/lighttpd", "-D", "-f"}, "server st"},
-    {"nginx", {"/usr/sbin/nginx", "-e", "stderr", "-c"}, "[notice]"},
+    {"apache", kApache, ":notice]", {"apache.conf", "apache-extension.conf"}, false, ""},
+    {"lighttpd", kLighttpd, "server st", {"lighttpd.conf"}, false, ""},
+    {"nginx", kNginx, "[notice]", {"nginx.conf"}, false, ""},
+#ifdef VELARTO_FCGI_PATH
+    {"apache", kApache, ":notice]", {"apache-fcgi.conf"}, true, "proxy"},
+    {"lighttpd", kLighttpd, "server st", {"lighttpd-fcgi.conf"}, true, "cgi"},
+    {"nginx", kNginx, "[notice]", {"nginx-fcgi.conf"}, true, "unsupported FastCGI protocol version"},
+#endif
 };
 
 // One web server with the gateway installed as "nph-shop", a copy, and as "shop", a link to it.
@@ -60,21 +78,41 @@ class Web : public GatewayTest, public testing::WithParamInterface<WebServer> {
             fs::create_directory(folder_ / name);
         for (const char* name : {"", "configuration", "run"})
             fs::permissions(folder_ / name, fs::perms::all);
-        fs::copy_file(VELARTO_CGI_PATH, gateways_ + "nph-shop");
-        fs::create_symlink("nph-shop", gateways_ + "shop");
+        if (!GetParam().isHost) {
+            fs::copy_file(VELARTO_CGI_PATH, gateways_ + "nph-shop");
+            fs::create_symlink("nph-shop", gateways_ + "shop");
+        }
         configure(server_);
         while (!Socket().IsPortAvailable(port_))
             port_ += 1000;
         writeFile(folder_ / "web.conf", configuration());
 
-        start(GetParam().command, folder_ / "web.conf");
-        if (GetParam().name == "nginx") {  // it starts no programs itself
-            start({"/usr/sbin/fcgiwrap", "-f", "-s"}, "unix:" + fcgiwrap_);
-            const std::regex listens(" 00010000 .* " + fcgiwrap_);
-            EXPECT_TRUE(comesTrue([&] { return std::regex_search(readFile("/proc/net/unix"), listens); }));
+        if (GetParam().isHost) {
+            start({VELARTO_FCGI_PATH, "shop", "--listen"}, "unix:" + fcgi_);
+        } else if (GetParam().name == "nginx") {  // it starts no programs itself
+            start({"/usr/sbin/fcgiwrap", "-f", "-s"}, "unix:" + fcgi_);
         }
+        EXPECT_TRUE(processes_.empty() || comesTrue([this] { return fs::is_socket(fcgi_); }));
+        start(GetParam().command, folder_ / "web.conf");
         EXPECT_TRUE(comesTrue([&] { return support::run(curl("/cgi-bin/shop"), 70s).exitStatus == 0; }))
-            << processes_[0].err();
+            << processes_.back().err();
+    }
+
+    // velarto-fcgi takes up what is new in the file, and says so.
+    void configure(const std::string& servers, const std::string& lines = "") override {
+        const auto reloads = [this] {
+            const std::string log = processes_[0].err();
+            std::size_t count = 0;
+            for (std::size_t at = 0; (at = log.find("loaded again", at)) != log.npos; ++at)
+                ++count;
+            return count;
+        };
+        const bool isFollowed = GetParam().isHost && !processes_.empty();
+        const std::size_t before = isFollowed ? reloads() : 0;
+        GatewayTest::configure(servers, lines);
+        if (!isFollowed) return;
+        processes_[0].kill(SIGHUP);
+        EXPECT_TRUE(comesTrue([&] { return reloads() > before; }));
     }
 
     // Whatever the test was about: the web server stops when asked to, nothing stays behind, and neither the
@@ -89,7 +127,8 @@ class Web : public GatewayTest, public testing::WithParamInterface<WebServer> {
         EXPECT_TRUE(comesTrue([&] { return !runs(folder_.path()); }));
         std::istringstream log(readFile(folder_ / "run/error.log"));
         for (std::string line; std::getline(log, line);)
-            EXPECT_TRUE(line.find(expectedComplaint_) != line.npos || contains(line, GetParam().harmless));
+            EXPECT_TRUE(line.find(expectedComplaint_) != line.npos || contains(line, GetParam().harmless))
+                << line;
     }
 
     // A browser's request, with further options of curl.
@@ -107,9 +146,17 @@ class Web : public GatewayTest, public testing::WithParamInterface<WebServer> {
         return outcome.out;
     }
 
+    // Whether a request is under way: of the application server's connections none is left without one.
+    bool isServing() {
+        const std::regex connection(" 0100007F:[0-9A-F]{4} 0100007F:" + hex4(devServer_.port()) + " 01 ");
+        return std::regex_search(readFile("/proc/net/tcp"), connection);
+    }
+
     int port() const { return port_; }
     void expectComplaint(const std::string& text) { expectedComplaint_ = text; }  // beside what is harmless
 
+    // With a gateway the client that writes the whole response.
+    const std::string client_ = GetParam().isHost ? "/cgi-bin/shop" : "/cgi-bin/nph-shop";
     const std::string gateways_ = folder_ / "htdocs/cgi-bin/";
     const DevServer devServer_{{"--sid", "s001"}};
     const std::string server_ = "s001," + entry(devServer_.port());
@@ -118,11 +165,14 @@ class Web : public GatewayTest, public testing::WithParamInterface<WebServer> {
     // The frame with the examples in it, and the places of this test instead of the system's.
     std::string configuration() const {
         std::string text = readFile(VELARTO_EXAMPLES_PATH "/../tests/support/" + GetParam().name + ".conf");
+        std::string examples;
+        for (const std::string& name : GetParam().examples)
+            examples += readFile(VELARTO_EXAMPLES_PATH "/" + name);
         std::vector<std::pair<std::string, std::string>> places;
-        for (const std::string name : {"apache.conf", "apache-extension.conf", "lighttpd.conf", "nginx.conf"})
-            places.emplace_back("# @" + name + "@", readFile(VELARTO_EXAMPLES_PATH "/" + name));
+        places.emplace_back("# @EXAMPLES@", examples);
         places.emplace_back("/usr/local/VelartoServer/5.5", folder_.path());
-        places.emplace_back("/run/fcgiwrap.socket", fcgiwrap_);
+        places.emplace_back("/run/fcgiwrap.socket", fcgi_);
+        places.emplace_back("/run/velarto/shop.sock", fcgi_);
         places.emplace_back("@BASE@", folder_.path());
         places.emplace_back("@PORT@", std::to_string(port_));
         for (const auto& [place, by] : places)
@@ -136,25 +186,28 @@ class Web : public GatewayTest, public testing::WithParamInterface<WebServer> {
         line.push_back(argument);
         const Texts asNobody = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
         if (::geteuid() == 0) line.insert(line.begin(), asNobody.begin(), asNobody.end());
-        processes_.emplace_back(commandOf(line));
+        Command command = commandOf(line);
+        command.environment = {"VELARTO_PATH=" + folder_.path()};
+        processes_.emplace_back(command);
     }
 
-    const std::string fcgiwrap_ = folder_ / "run/fcgiwrap";  // its socket
-    int port_ = 10000 + ::getpid() % 20000;                  // below those that the system hands out
+    const std::string fcgi_ = folder_ / "run/fcgi";  // the socket of fcgiwrap, or of velarto-fcgi
+    int port_ = 10000 + ::getpid() % 20000;          // below those that the system hands out
     std::string expectedComplaint_ = GetParam().harmless;
     std::deque<Process> processes_;
 };
 
-INSTANTIATE_TEST_SUITE_P(Under, Web, testing::ValuesIn(kServers),
-                         [](const auto& server) { return server.param.name; });
+INSTANTIATE_TEST_SUITE_P(Under, Web, testing::ValuesIn(kServers), [](const auto& server) {
+    return server.param.name + (server.param.isHost ? "WithHost" : "");
+});
 
 TEST_P(Web, PagesComeThrough) {
-    const std::pair<const char*, Texts> pages[] = {
+    const std::pair<std::string, Texts> pages[] = {
         {"/cgi-bin/shop/",
          {"HTTP/1.1 200 OK\r\n", "\r\nContent-Type: text/html; charset=utf-8\r\n", "a=1; VelartoClient=shop",
           ">SERVER_NAME</th><td>127.0.0.1</td>", ">CONTENT_LENGTH</th><td>0</td>"}},
         {"/cgi-bin/shop/status?code=307&location=/else", {"HTTP/1.1 307 ", "\r\nLocation: /else\r\n"}},
-        {"/cgi-bin/nph-shop/status?code=404", {" 404 Not Found\r\n", "answered by 127.0.0.1:"}},
+        {client_ + "/status?code=404", {" 404 Not Found\r\n", "answered by 127.0.0.1:"}},
         {"/no/such/COST.ZML", {"HTTP/1.1 404 ", "answered by 127.0.0.1:"}},
     };
     for (const auto& [address, parts] : pages) {
@@ -164,7 +217,9 @@ TEST_P(Web, PagesComeThrough) {
     }
     const DeadPort dead;
     configure(entry(dead.port()));
-    EXPECT_TRUE(contains(get("/cgi-bin/nph-shop"), "for client nph-shop on " + entry(dead.port())));
+    const std::string page = get(client_);
+    EXPECT_TRUE(contains(page, "Error Code: 602"));
+    EXPECT_EQ(page.find("for client nph-shop on " + entry(dead.port())) == page.npos, GetParam().isHost);
 }
 
 TEST_P(Web, LongBodiesComeThroughUnchanged) {
@@ -182,16 +237,17 @@ TEST_P(Web, LongBodiesComeThroughUnchanged) {
 TEST_P(Web, UploadWithoutALengthArrivesWholeOrIsRefused) {
     const std::string answer =
         get("/cgi-bin/shop/echo", {"-H", "Transfer-Encoding: chunked", "--data", "text"});
-    EXPECT_TRUE(contains(answer, GetParam().name == "apache" ? "HTTP/1.1 411 " : "\r\n\r\ntext"));
+    const bool isRefused = GetParam().name == "apache" && !GetParam().isHost;
+    EXPECT_TRUE(contains(answer, isRefused ? "HTTP/1.1 411 " : "\r\n\r\ntext"));
 }
 
 TEST_P(Web, PiecesArriveUntilTheBrowserGoesAwayAndTheGatewayEnds) {
     // Byte by byte for an hour: a web server that waited for more would pass nothing on.
     Process browser(curl("/cgi-bin/shop/stream?pieces=36000&size=1&delay=100"));
     EXPECT_TRUE(browser.waitForOut("\r\n\r\n\n", 30s));
-    EXPECT_TRUE(runs(gateways_));
+    EXPECT_TRUE(isServing());
     browser.kill(SIGKILL);
-    EXPECT_TRUE(comesTrue([&] { return !runs(gateways_); }));
+    EXPECT_TRUE(comesTrue([&] { return !isServing(); }));
 }
 
 // Whatever a browser claims to be: only a login that the web server has checked makes a user.
@@ -213,7 +269,7 @@ TEST_P(Web, FailureHasItsStatusWhereTheSectionWantsIt) {
             const std::string keys = isHonest ? "HTTPSTATUS=yes\nBROKENANSWER=cut\nREQUESTTIMEOUT=60\n" : "";
             configure(entry(port), "CLIENTIOTIMEOUT=1\n" + keys);
             const std::string answer = get("/cgi-bin/shop/" + page);
-            EXPECT_EQ(answer.substr(8, 5), isHonest ? status : " 200 ") << page;
+            EXPECT_EQ(answer.substr(8, 5), isHonest || GetParam().isHost ? status : " 200 ") << page;
             EXPECT_TRUE(contains(answer, "Error Code: " + std::to_string(code)));
         }
     }
@@ -223,6 +279,7 @@ TEST_P(Web, FailureHasItsStatusWhereTheSectionWantsIt) {
 // front of the connection's next response.
 TEST_P(Web, BrowserNoticesADownloadThatBreaksOff) {
     if (GetParam().name == "nginx") expectComplaint("upstream prematurely closed FastCGI request");
+    if (GetParam().isHost) expectComplaint(GetParam().brokenOff);
     writeFile(folder_ / "htdocs/next.txt", "next");
     const std::string header = wire::header("HTTP/1.0 200 OK\r\nContent-Length: 100000\r\n\r\n");
     const std::string half = wire::body(std::string(50000, '.'));
@@ -235,7 +292,7 @@ TEST_P(Web, BrowserNoticesADownloadThatBreaksOff) {
         {{}, " 502 ", "0", "0"},
         {{header}, " 502 ", "0", "0"},
         {{header, half}, " 200 ", "18", "1"},
-        {{header, half, half}, " 200 ", "0", "0"},
+        {{header, half, half}, " 200 ", "0", GetParam().isHost ? "1" : "0"},
     };
     const std::string next = "http://127.0.0.1:" + std::to_string(port()) + "/next.txt";
     for (const auto& c : cases) {

@@ -29,7 +29,7 @@ class GatewayTest : public ::testing::Test {
     // ---- the configuration ----
     std::string clientsFile() const { return folder_ / "configuration/clients.ini"; }
     // Sections for "shop" and "nph-shop", alike: this server list and further lines, each with its line feed.
-    void configure(const std::string& servers, const std::string& lines = "") const {
+    virtual void configure(const std::string& servers, const std::string& lines = "") {
         const std::string section = "]\nVELARTO_SERVER=" + servers + "\n" + lines;
         writeFile(clientsFile(), "[Velarto Client Definitions]\nnph-shop=\nshop=\n\n[nph-shop" + section +
                                      "\n[shop" + section);
