@@ -24,6 +24,9 @@ set(CPACK_COMPONENTS_ALL gateway library development)
 if(VELARTO_BUILD_ADMIN OR VELARTO_BUILD_CONFORM OR VELARTO_BUILD_DEVSERVER)
     list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
+if(VELARTO_BUILD_FCGI)
+    list(APPEND CPACK_COMPONENTS_ALL fcgi)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SOURCE velarto)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
@@ -47,6 +50,18 @@ if(gateway_link STREQUAL lean)
     execute_process(COMMAND dpkg-query --show --showformat "\${source:Package} (= \${source:Version})" musl-dev
         OUTPUT_VARIABLE CPACK_VELARTO_BUILT_USING ERROR_QUIET)
 endif()
+
+# ---- The host ---------------------------------------------------------------------------------------------
+
+set(CPACK_DEBIAN_FCGI_PACKAGE_NAME velarto-fcgi)
+set(CPACK_DEBIAN_FCGI_DESCRIPTION
+"FastCGI server to a Velarto application server
+One process passes the requests of a web server that speaks FastCGI (nginx,
+Apache, lighttpd) on to application servers over TCP, and the answers back. It
+follows its configuration, and tells its state to people and to Prometheus.")
+set(CPACK_DEBIAN_FCGI_PACKAGE_SECTION web)
+set(CPACK_DEBIAN_FCGI_PACKAGE_RECOMMENDS "velarto-tools, nginx | httpd")
+set(CPACK_DEBIAN_FCGI_PACKAGE_SUGGESTS "velarto, prometheus")
 
 # ---- The tools --------------------------------------------------------------------------------------------
 
