@@ -138,12 +138,12 @@ std::vector<FailedRequest> Metrics::failures() const {
     return {failures_.begin(), failures_.end()};
 }
 
-double Metrics::pages() const {
+std::uint64_t Metrics::pages() const {
     const std::lock_guard lock(mutex_);
     return pages_;
 }
 
-double Metrics::failedAttempts(const ServerMetrics& server) const {
+std::uint64_t Metrics::failedAttempts(const ServerMetrics& server) const {
     const std::lock_guard lock(mutex_);
     const auto found = failedAttempts_.find(server.entry);
     return found != failedAttempts_.end() ? found->second : 0;

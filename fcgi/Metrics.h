@@ -8,6 +8,7 @@
 #include <prometheus/registry.h>
 
 #include <array>
+#include <cstdint>
 #include <ctime>
 #include <deque>
 #include <map>
@@ -57,10 +58,15 @@ class Metrics {
     void countFailure(const ServerMetrics& server, int cause);
 
     std::vector<FailedRequest> failures() const;  // the youngest first
-    double requestsInFlight() const { return inFlight_.Value(); }
-    double answers() const { return answered_.Value(); }
-    double pages() const;  // of failures
-    double failedAttempts(const ServerMetrics& server) const;
+    std::uint64_t requestsInFlight() const { return countOf(inFlight_); }
+    std::uint64_t answers() const { return countOf(answered_); }
+    std::uint64_t pages() const;  // of failures
+    std::uint64_t failedAttempts(const ServerMetrics& server) const;
+
+    template <class Metric>
+    static std::uint64_t countOf(const Metric& metric) {
+        return static_cast<std::uint64_t>(metric.Value());
+    }
 
     prometheus::Registry& registry() { return *registry_; }
 
@@ -88,8 +94,8 @@ class Metrics {
 
     mutable std::mutex mutex_;                    // guards what follows
     std::map<int, prometheus::Counter*> byCode_;  // of failures
-    double pages_ = 0;
+    std::uint64_t pages_ = 0;
     std::map<std::string, ServerMetrics> servers_;
-    std::map<std::string, double> failedAttempts_;
+    std::map<std::string, std::uint64_t> failedAttempts_;
     std::deque<FailedRequest> failures_;
 };

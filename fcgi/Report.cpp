@@ -33,9 +33,9 @@ std::vector<ServerReport> reportServers(const std::string& client, Stanza& secti
         list.getEntry(i, text);
         ServerMetrics& server = metrics.server(text.GetTextEx());
         ServerReport report{server.entry,
-                            server.attempts->Value(),
+                            Metrics::countOf(*server.attempts),
                             metrics.failedAttempts(server),
-                            server.inFlight->Value(),
+                            Metrics::countOf(*server.inFlight),
                             false,
                             0,
                             ""};
@@ -80,10 +80,6 @@ std::string escaped(const std::string& text) {
 
 std::string cell(const std::string& label, const std::string& text) {
     return "<td data-label=\"" + label + "\">" + escaped(text) + "</td>";
-}
-
-std::string number(double value) {
-    return format("%.0f", value);
 }
 
 // Bytes that are no UTF-8 must not keep a report from being written.
@@ -215,9 +211,9 @@ std::string Report::html() const {
     const auto figure = [&page](const char* name, const std::string& value) {
         page += std::string("<div><dt>") + name + "</dt><dd>" + value + "</dd></div>";
     };
-    figure("answered", number(metrics_.answers()));
-    figure("failed", number(metrics_.pages()));
-    figure("in flight", number(metrics_.requestsInFlight()));
+    figure("answered", std::to_string(metrics_.answers()));
+    figure("failed", std::to_string(metrics_.pages()));
+    figure("in flight", std::to_string(metrics_.requestsInFlight()));
     figure("threads busy", format("%u of %u", busyThreads_, threads_));
     page +=
         "</dl>\n<h2>Servers</h2>\n<table><thead><tr><th>server</th><th>state</th><th>in flight</th>"
@@ -228,9 +224,10 @@ std::string Report::html() const {
                 ? "<td data-label=\"state\" class=\"bad\">" +
                       escaped(format("out for %.0f s: ", server.outSeconds) + server.outFor) + "</td>"
                 : cell("state", "in");
-        page += "<tr>" + cell("server", server.entry) + state + cell("in flight", number(server.inFlight)) +
-                cell("attempts", number(server.attempts)) + cell("failed", number(server.failures)) +
-                "</tr>\n";
+        page += "<tr>" + cell("server", server.entry) + state +
+                cell("in flight", std::to_string(server.inFlight)) +
+                cell("attempts", std::to_string(server.attempts)) +
+                cell("failed", std::to_string(server.failures)) + "</tr>\n";
     }
     page += "</tbody></table>\n<h2>Last failures</h2>\n";
     const std::vector<FailedRequest> failures = metrics_.failures();

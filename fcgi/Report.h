@@ -12,9 +12,9 @@
 // One server of the client's list.
 struct ServerReport {
     std::string entry;
-    double attempts;
-    double failures;
-    double inFlight;
+    std::uint64_t attempts;
+    std::uint64_t failures;
+    std::uint64_t inFlight;
     bool isOut;          // left out by SERVERRETRY
     double outSeconds;   // since when
     std::string outFor;  // why

@@ -48,6 +48,11 @@ int takeListener(const Options& options) {
     return listener;
 }
 
+// Where a socket is. A unix socket itself knows only the name that it was bound under at first.
+std::string placeOf(const std::optional<Endpoint>& asked, int listener) {
+    return asked && !asked->path.empty() ? asked->text() : addressOf(listener);
+}
+
 // No descriptor may be beyond what libfcgi's select() can take.
 void boundDescriptors() {
     constexpr rlim_t kMost = 1024;
@@ -128,9 +133,6 @@ int serve(const Options& options) {
     const sigset_t signals = blockSignals();
     boundDescriptors();
     const Descriptor listener(takeListener(options));
-    // A unix socket was bound under another name.
-    const bool isNamed = options.listen && !options.listen->path.empty();
-    const std::string listeningAt = isNamed ? options.listen->text() : addressOf(listener.get());
     const int statusListener = options.status ? listenOn(*options.status) : -1;
     occupyStandardStreams();
     FCGX_Init();
@@ -156,9 +158,9 @@ int serve(const Options& options) {
             if (path == "/status.json") return {"application/json", report().json()};
             return {"", ""};
         });
-        logLine("status at " + addressOf(statusListener));
+        logLine("status at " + placeOf(options.status, statusListener));
     }
-    logLine("serving " + options.client + " on " + listeningAt);
+    logLine("serving " + options.client + " on " + placeOf(options.listen, listener.get()));
     sd_notify(0, "READY=1");
     run(host, *configuration, signals);
     farewell(host, signals);

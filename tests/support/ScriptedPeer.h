@@ -70,6 +70,10 @@ class Connection {
         pollfd waits[] = {{socket_.get(), POLLRDHUP, 0}, {wakeUp_, POLLIN, 0}};
         ::poll(waits, 2, -1);
     }
+    bool isClosed() const {  // by the client
+        pollfd wait = {socket_.get(), POLLRDHUP, 0};
+        return ::poll(&wait, 1, 0) != 0;
+    }
     void closeSending() { ::shutdown(socket_.get(), SHUT_WR); }  // the client reads an end and can still send
     void close() { socket_.reset(-1); }
     void reset() {  // ends the connection with an error for the client
