@@ -1,9 +1,12 @@
 #include "FcgiRequest.h"
 
+#include <fcgios.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 
@@ -21,7 +24,29 @@ std::string fieldName(const char* name, const char* end) {
     return text;
 }
 
+thread_local RecordGuard* guardOfThread = nullptr;
+
+// While one lives, what the thread reads by libfcgi is guarded.
+class Guarded {
+  public:
+    explicit Guarded(RecordGuard& guard) { guardOfThread = &guard; }
+    Guarded(const Guarded&) = delete;
+    Guarded& operator=(const Guarded&) = delete;
+    ~Guarded() { guardOfThread = nullptr; }
+};
+
 }  // namespace
+
+// Takes the place of libfcgi's own function of that name, by which it reads from a connection.
+extern "C" int OS_Read(int connection, char* buffer, std::size_t size) {
+    const ssize_t count = ::read(connection, buffer, size);
+    if (count > 0 && guardOfThread != nullptr &&
+        !guardOfThread->allows(buffer, static_cast<std::size_t>(count))) {
+        errno = EPROTO;
+        return -1;
+    }
+    return static_cast<int>(count);
+}
 
 // libfcgi accepts no connection here: it is given one, in the place and the state in which it keeps one for another
 // request.
@@ -36,8 +61,9 @@ FcgiRequest::~FcgiRequest() {
 }
 
 bool FcgiRequest::begin() {
+    const Guarded guarded(guard_);
     isOpen_ = FCGX_Accept_r(&request_) == 0;
-    return isOpen_;
+    return isOpen_ && FCGX_GetError(request_.in) == 0;  // variables that were cut look whole but for that
 }
 
 void FcgiRequest::finish(bool isWhole) {
@@ -59,6 +85,7 @@ void FcgiRequest::spoil() {
 
 // What is left of a body would be taken for the next request's. The mark of its end is left of every one.
 bool FcgiRequest::takeRestOfBody() {
+    const Guarded guarded(guard_);
     char scrap[4096];
     for (int i = 0; i < 16; ++i) {
         const int count = FCGX_GetStr(scrap, sizeof scrap, request_.in);
@@ -98,6 +125,7 @@ std::string FcgiRequest::headerFields() const {
 }
 
 std::int64_t FcgiRequest::read(void* buffer, std::uint32_t size) {
+    const Guarded guarded(guard_);
     std::uint32_t done = 0;
     while (done < size) {
         const int wanted = static_cast<int>(std::min<std::uint32_t>(size - done, INT_MAX));

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "RecordGuard.h"
 #include "cgi/CgiVariables.h"
 #include "cgi/WebServerStreams.h"
 
@@ -17,7 +18,7 @@ class FcgiRequest : public CgiVariables, public BodySource, public ResponseSink 
     FcgiRequest& operator=(const FcgiRequest&) = delete;
     ~FcgiRequest();
 
-    // Receives the variables. False when what came is no request to a responder: the connection is closed then.
+    // Receives the variables. False when what came is no whole request to a responder.
     bool begin();
 
     // Ends the response; one that is not whole so that the web server takes it for broken. Afterwards the request is of
@@ -47,6 +48,7 @@ class FcgiRequest : public CgiVariables, public BodySource, public ResponseSink 
     bool takeRestOfBody();
 
     FCGX_Request request_;
+    RecordGuard guard_;
     const std::uint32_t mostOfBody_;
     bool isOpen_ = true;  // and not closed by libfcgi
     bool isKept_ = false;

@@ -105,6 +105,9 @@ TEST_F(Host, SurvivesWhatIsNoRequest) {
                     fcgi::record(fcgi::kStdin, "before its beginning"),
                     fcgi::begin(false) + fcgi::record(fcgi::kAbort, ""),
                     fcgi::begin(false) + fcgi::record(fcgi::kParams, "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"),
+                    fcgi::begin(false) + fcgi::record(fcgi::kParams, "\xC3\xC3\xC3\xC3\xC3\xC3\xC3\xC3" +
+                                                                         std::string(60000, 'A')),
+                    fcgi::begin(false) + fcgi::record(fcgi::kParams, "\x80\x40\1\1\0" + std::string(9, 'A')),
                     fcgi::begin(false) + fcgi::params({{"A", "b"}}) + fcgi::record(77, "no such type"),
                     fcgi::record(fcgi::kBegin, std::string(8, '\1'), 1, 2)};
     for (std::size_t size = 0; size < whole.size(); ++size)
@@ -115,6 +118,7 @@ TEST_F(Host, SurvivesWhatIsNoRequest) {
         client.closeSending();
         client.receive();
     }
+    EXPECT_TRUE(contains(page("/status.json"), "\"requests_answered\": 0"));
     fcgi::Variables many(100000, {"HTTP_X", "y"});
     many.emplace_back("PATH_INFO", "/echo");
     many.emplace_back("HTTP_LONG", std::string(1 << 20, 'l'));
