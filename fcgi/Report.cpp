@@ -13,11 +13,12 @@
 
 namespace {
 
-std::string utc(std::time_t time) {
+// For machines, or for people.
+std::string utc(std::time_t time, const char* form = "%Y-%m-%dT%H:%M:%SZ") {
     std::tm parts{};
     gmtime_r(&time, &parts);
     char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+    std::strftime(text, sizeof text, form, &parts);
     return text;
 }
 
@@ -86,6 +87,8 @@ std::string cell(const std::string& label, const std::string& text) {
 std::string dumped(const nlohmann::json& json) {
     return json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
+
+constexpr char kForPeople[] = "%Y-%m-%d %H:%M:%S UTC";
 
 constexpr char kPageHead[] = R"(<!DOCTYPE html>
 <html lang="en">
@@ -202,11 +205,12 @@ std::string Report::html() const {
     std::string page = kPageHead;
     page += "<title>" + escaped(client_) + " – velarto-fcgi</title>\n</head>\n<body>\n";
     page += "<h1>" + escaped(client_) + "</h1>\n<p class=\"quiet\">velarto-fcgi " +
-            VeClientGetBuildVersion() + ", since " + utc(started_) + "</p>\n";
+            VeClientGetBuildVersion() + ", since " + utc(started_, kForPeople) + "</p>\n";
     page += configuration_.fault.empty()
-                ? "<p class=\"good\">clients.ini in use since " + utc(configuration_.loaded) + "</p>\n"
+                ? "<p class=\"good\">clients.ini in use since " + utc(configuration_.loaded, kForPeople) +
+                      "</p>\n"
                 : "<p class=\"bad\">clients.ini cannot be used: " + escaped(configuration_.fault) +
-                      ". In use is the state of " + utc(configuration_.loaded) + ".</p>\n";
+                      ". In use is the state of " + utc(configuration_.loaded, kForPeople) + ".</p>\n";
     page += "<dl>";
     const auto figure = [&page](const char* name, const std::string& value) {
         page += std::string("<div><dt>") + name + "</dt><dd>" + value + "</dd></div>";
@@ -237,10 +241,10 @@ std::string Report::html() const {
         "th>"
         "</tr></thead><tbody>\n";
     for (const FailedRequest& failure : failures) {
-        page += "<tr>" + cell("time", utc(failure.time)) + cell("request", failure.request) +
+        page += "<tr>" + cell("time", utc(failure.time, kForPeople)) + cell("request", failure.request) +
                 cell("what", failure.method + " " + failure.path) + cell("server", failure.server) +
                 cell("code", format("%d, status %d", failure.code, failure.status)) +
-                cell("took", format("%.3f s", failure.seconds)) + "</tr>\n";
+                cell("took", format("%.1f ms", failure.seconds * 1e3)) + "</tr>\n";
     }
     return page + "</tbody></table>\n</body>\n</html>\n";
 }

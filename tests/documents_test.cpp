@@ -9,6 +9,7 @@
 
 #include "config/ClientKeys.h"
 #include "config/ConfigFile.h"
+#include "support/Contains.h"
 #include "support/Gateway.h"
 
 namespace {
@@ -109,6 +110,26 @@ TEST_F(Documents, DescribeEveryKey) {
         EXPECT_EQ(matches(text, ("^### " + std::string(key->name) + "$").c_str()).size(), 1U) << key->name;
     }
     EXPECT_EQ(rows, expected);
+}
+
+// Those of the document, the dashboard and the alerts.
+TEST_F(Documents, NameMetricsThatThereAre) {
+    const std::string sources =
+        readFile(kProject + "fcgi/Metrics.cpp") + readFile(kProject + "fcgi/Report.cpp");
+    std::string named;
+    for (const char* path : {"contrib/grafana/velarto-fcgi.json", "contrib/prometheus/velarto-alerts.yml"})
+        named += readFile(kProject + path);
+    const std::string page = readFile(kProject + "docs/velarto-fcgi.md");
+    const std::size_t table = page.find("| `velarto_` |");
+    for (const auto& row : matches(page.substr(table, page.find("\n\n", table) - table),
+                                   "`([a-z_]+)`[,|]? *(`([a-z_]+)`)? *\\|"))
+        named += " velarto_" + row[1].str() + (row[3].matched ? " velarto_" + row[3].str() : "");
+    for (const auto& metric : matches(named, "velarto_[a-z_]+[a-z]")) {
+        const std::string name = std::regex_replace(metric.str(), std::regex("_bucket$"), "");
+        EXPECT_TRUE(contains(sources, "\"" + name + "\""));
+    }
+    for (const auto& metric : matches(sources, "\"velarto_([a-z_]+)\""))
+        EXPECT_TRUE(contains(page, "`" + metric[1].str() + "`"));
 }
 
 TEST_F(Documents, LinkToWhatIsThere) {
