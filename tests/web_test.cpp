@@ -282,7 +282,9 @@ TEST_P(Web, BrowserNoticesADownloadThatBreaksOff) {
     if (GetParam().isHost) expectComplaint(GetParam().brokenOff);
     writeFile(folder_ / "htdocs/next.txt", "next");
     const std::string header = wire::header("HTTP/1.0 200 OK\r\nContent-Length: 100000\r\n\r\n");
+    const std::string lengthless = wire::header("HTTP/1.0 200 OK\r\n\r\n");
     const std::string half = wire::body(std::string(50000, '.'));
+    const bool isHost = GetParam().isHost;
     const struct {
         Texts messages;
         std::string status;
@@ -292,7 +294,8 @@ TEST_P(Web, BrowserNoticesADownloadThatBreaksOff) {
         {{}, " 502 ", "0", "0"},
         {{header}, " 502 ", "0", "0"},
         {{header, half}, " 200 ", "18", "1"},
-        {{header, half, half}, " 200 ", "0", GetParam().isHost ? "1" : "0"},
+        {{header, half, half}, " 200 ", "0", isHost ? "1" : "0"},
+        {{lengthless, half}, " 200 ", isHost ? "18" : "0", isHost ? "1" : "0"},
     };
     const std::string next = "http://127.0.0.1:" + std::to_string(port()) + "/next.txt";
     for (const auto& c : cases) {
