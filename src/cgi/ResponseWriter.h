@@ -48,7 +48,7 @@ class ResponseWriter {
     void writePreparedPage() const;  // async-signal-safe if the sink is
 
     std::uint64_t bytesWritten() const { return bytesWritten_; }  // or given up in a failed write
-    bool isCut() const { return isCut_; }  // it broke off, and nothing was appended
+    bool isCut() const { return isCut_; }                         // it broke off, and nothing was appended
     bool lacksErrorPage() const { return lacksErrorPage_; }       // ERRORPAGE could not be read
 
   private:

@@ -115,7 +115,8 @@ class QuilClient : public DripClient {
 
     // Notes why a connection failed, an errno value or ServerState::kNoSuchHost, and in words; always false.
     bool failConnection(int cause, const char* reason);
-    int failureCause() const { return failureCause_; }  // of the attempt that failed last, where somebody asks
+    // The cause of the attempt that failed last.
+    int failureCause() const { return failureCause_; }
 
   private:
     bool connectToChosenServer(const TQuilRequest* request, Stanza& clientSection);
