@@ -13,24 +13,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "protocol/QuilTypes.h"
+#include "framing.h"
 
 enum {
     DEFAULT_PORT = 18155,
-    HEAD_SIZE = 12,             /* mark, version, type */
-    FRAME_SIZE = HEAD_SIZE + 4, /* and the length of the bytes that follow */
-    FOOTER_SIZE = 4,
     HEADER_LIMIT = 64 * 1024,         /* of the HTTP header */
     MESSAGE_LIMIT = 129 * 1024 * 1024 /* of a message; what is not used of it takes no memory */
 };
-
-/* The parameters in id order. */
-static const char* const parameter_names[QUIL_PARAM_NONE] = {
-    "QUERY_STRING", "PATH_INFO",      "PATH_TRANSLATED", "REQUEST_METHOD", "REMOTE_HOST",
-    "REMOTE_IDENT", "REMOTE_USER",    "REMOTE_PASSWD",   "REMOTE_NAME",    "REMOTE_PORT",
-    "SERVER_NAME",  "SERVER_PORT",    "SCRIPT_NAME",     "HTTP_REFERER",   "HTTP_USER_AGENT",
-    "CONTENT_TYPE", "CONTENT_LENGTH", "PLUGIN",          "REMOTE_ADDR",    "HTTP_COOKIE",
-    "COMMANDLINE",  "HTTP_FROM",      "HTTP_ACCEPT",     "SOAPACTION",     "FULLHEADER"};
 
 /* The HTTP header waits in front of the message, so that it leaves in one write with the first piece. */
 static char memory[HEADER_LIMIT + MESSAGE_LIMIT];
@@ -69,37 +58,6 @@ static void send_all(int server, const char* from, size_t size) {
         from += n;
         size -= (size_t)n;
     }
-}
-
-/* ---- Marshalling: each function returns the place behind what it put ----------------------------------- */
-
-static char* put_bytes(char* to, const char* bytes, size_t size) {
-    memcpy(to, bytes, size);
-    return to + size;
-}
-
-static char* put_number(char* to, uint32_t number) {
-    const uint32_t wire = htonl(number);
-    return put_bytes(to, (const char*)&wire, sizeof wire);
-}
-
-static char* put_text(char* to, const char* text) {
-    const size_t length = strlen(text);
-    return put_bytes(put_number(to, (uint32_t)length), text, length);
-}
-
-static char* put_head(char* to, TQUILReqType type) {
-    return put_number(put_number(put_bytes(to, "QUIL", 4), QUIL_PROTOCOL_VERSION), type);
-}
-
-static char* put_footer(char* to) {
-    return put_bytes(to, "END!", FOOTER_SIZE);
-}
-
-static uint32_t number_at(const char* from) {
-    uint32_t wire;
-    memcpy(&wire, from, sizeof wire);
-    return ntohl(wire);
 }
 
 /* ---- The request --------------------------------------------------------------------------------------- */
