@@ -120,9 +120,9 @@ TEST_F(Documents, NameMetricsThatThereAre) {
     for (const char* path : {"contrib/grafana/velarto-fcgi.json", "contrib/prometheus/velarto-alerts.yml"})
         named += readFile(kProject + path);
     const std::string page = readFile(kProject + "docs/velarto-fcgi.md");
-    const std::size_t table = page.find("| `velarto_` |");
-    for (const auto& row : matches(page.substr(table, page.find("\n\n", table) - table),
-                                   "`([a-z_]+)`[,|]? *(`([a-z_]+)`)? *\\|"))
+    const std::size_t start = page.find("\n|---", page.find("| `velarto_` |"));
+    const std::string table = page.substr(start, page.find("\n\n", start) - start);
+    for (const auto& row : matches(table, "`([a-z_]+)`[,|]? *(`([a-z_]+)`)? *\\|"))
         named += " velarto_" + row[1].str() + (row[3].matched ? " velarto_" + row[3].str() : "");
     for (const auto& metric : matches(named, "velarto_[a-z_]+[a-z]")) {
         const std::string name = std::regex_replace(metric.str(), std::regex("_bucket$"), "");
