@@ -10,6 +10,7 @@
 namespace {
 
 constexpr std::uint32_t kMaxFormatted = 16384;
+constexpr std::size_t kBriefFormatted = 256;
 
 // The length of s, 0 for null; UINT32_MAX stands for every length that leaves no number for the terminator.
 std::uint32_t lengthOf(const char* s) {
@@ -203,13 +204,24 @@ CText& CText::VArgAppFormat(const char* fmt, std::va_list* args) {
     if (fmt == nullptr || *fmt == '\0') return *this;
     if (args == nullptr) return *this = fmt;
 
-    char formatted[kMaxFormatted + 1];
+    // Most results are short; a long one is made again where there is room for it. An argument may be this very text, so
+    // the result is made elsewhere.
+    char brief[kBriefFormatted];
     std::va_list copy;
     va_copy(copy, *args);
-    const int length = std::vsnprintf(formatted, sizeof formatted, fmt, copy);
+    const int length = std::vsnprintf(brief, sizeof brief, fmt, copy);
     va_end(copy);
-    if (length >= 1 && static_cast<std::uint32_t>(length) <= kMaxFormatted) *this += formatted;
-    return *this;
+    if (length < 1 || static_cast<std::uint32_t>(length) > kMaxFormatted) return *this;
+    const std::size_t size = static_cast<std::size_t>(length) + 1;
+    if (size <= sizeof brief) return *this += brief;
+
+    CText whole;
+    if (!whole.SetBufferSize(static_cast<std::uint32_t>(size))) return *this;
+    va_copy(copy, *args);
+    std::vsnprintf(reinterpret_cast<char*>(whole.buffer_), size, fmt, copy);
+    va_end(copy);
+    whole.SetUsableDataSize(static_cast<std::uint32_t>(length));
+    return *this += whole.GetTextEx();
 }
 
 // ---- comparison ----
