@@ -52,7 +52,7 @@ bool readWholeBody(ve_hrequest_t* request, BodySource& body, const char* content
     ForbidCoreDumps();  // a body may be a password
     unsigned char* buffer = VeRequestGetPostArgBuffer(request, size);
     if (buffer == nullptr) {
-        refusal = kContentTooLarge;
+        refusal = kServiceUnavailable;
         return false;
     }
     return body.read(buffer, size) == length && VeRequestSetPostArgDataSize(request, size);
@@ -66,7 +66,7 @@ bool readBodyToItsEnd(ve_hrequest_t* request, BodySource& body, std::uint32_t& s
     for (std::uint32_t room = std::min(kFirstRoom, most);;) {
         unsigned char* buffer = VeRequestGetPostArgBuffer(request, room);
         const std::int64_t count = buffer != nullptr ? body.read(buffer + size, room - size) : -1;
-        refusal = buffer != nullptr ? kBadRequest : kContentTooLarge;
+        refusal = buffer != nullptr ? kBadRequest : kServiceUnavailable;
         if (count < 0) return false;
         size += static_cast<std::uint32_t>(count);
         if (size < room) return VeRequestSetPostArgDataSize(request, size);
@@ -94,7 +94,7 @@ bool takeBody(ve_hrequest_t* request, const RequestParts& parts, HttpStatus& ref
 }  // namespace
 
 ve_hrequest_t* MakeRequestRecord(ve_hclient_t* connection, const RequestParts& parts, HttpStatus& refusal) {
-    refusal = kInternalServerError;
+    refusal = kServiceUnavailable;
     ve_hrequest_t* request = VeClientAllocRequest(connection);
     if (request == nullptr) return nullptr;
     const MemoryWatch memory;
@@ -108,7 +108,7 @@ ve_hrequest_t* MakeRequestRecord(ve_hclient_t* connection, const RequestParts& p
     VeRequestSetAtrtibute(request, QUIL_PARAM_FULLHEADER, parts.fullHeader);
     if (memory.ranOut()) {
         VeClientFreeRequest(connection, request);
-        refusal = kInternalServerError;
+        refusal = kServiceUnavailable;
         return nullptr;
     }
     return request;
