@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
 #include <system_error>
 
 namespace {
@@ -59,7 +60,13 @@ int Connections::next() {
 // A new connection that has work at once; another waits for it.
 int Connections::accept() {
     const int connection = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (connection != -1) ++count_;
+    if (connection != -1) {
+        ++count_;
+    } else if (errno != EAGAIN &&
+               errno != ECONNABORTED) {  // no descriptors, no memory: it goes on waiting there
+        constexpr timespec kWhile{0, 20000000};
+        nanosleep(&kWhile, nullptr);
+    }
     listenAgain();
     if (connection == -1 || hasWork(connection)) return connection;
     await(connection, fresh_);

@@ -66,6 +66,14 @@ bool FcgiRequest::begin() {
     return isOpen_ && FCGX_GetError(request_.in) == 0;  // variables that were cut look whole but for that
 }
 
+bool FcgiRequest::refuse() {
+    static char page[] =
+        "Status: 503 Service Unavailable\r\nRetry-After: 10\r\nContent-type: text/html\r\n\r\n"
+        "<html><body><h1>503 Service Unavailable</h1></body></html>\n";
+    iovec whole{page, sizeof page - 1};
+    return !hasBegun_ && write(&whole, 1);
+}
+
 void FcgiRequest::finish(bool isWhole) {
     if (!isWhole) {
         spoil();
@@ -102,7 +110,13 @@ bool FcgiRequest::release() {
 }
 
 const char* FcgiRequest::get(const char* name) const {
-    return FCGX_GetParam(name, request_.envp);
+    const std::size_t length = std::strlen(name);
+    for (char** variable = request_.envp; *variable != nullptr; ++variable) {
+        const char* text = *variable;
+        if (text[0] == name[0] && std::strncmp(text, name, length) == 0 && text[length] == '=')
+            return text + length + 1;
+    }
+    return nullptr;
 }
 
 std::string FcgiRequest::headerFields() const {
@@ -137,6 +151,7 @@ std::int64_t FcgiRequest::read(void* buffer, std::uint32_t size) {
 }
 
 bool FcgiRequest::write(iovec* pieces, int count) {
+    hasBegun_ = true;
     holdsOutput_ = true;
     for (; count > 0; ++pieces, --count) {
         const char* bytes = static_cast<const char*>(pieces->iov_base);

@@ -21,6 +21,9 @@ class FcgiRequest : public CgiVariables, public BodySource, public ResponseSink 
     // Receives the variables. False when what came is no whole request to a responder.
     bool begin();
 
+    // Writes that there is no memory to make a response with. False when another one has begun.
+    bool refuse();
+
     // Ends the response; one that is not whole so that the web server takes it for broken. Afterwards the request is of
     // no use, but for release().
     void finish(bool isWhole);
@@ -52,6 +55,7 @@ class FcgiRequest : public CgiVariables, public BodySource, public ResponseSink 
     const std::uint32_t mostOfBody_;
     bool isOpen_ = true;  // and not closed by libfcgi
     bool isKept_ = false;
+    bool hasBegun_ = false;  // the response
     bool holdsOutput_ = false;
     bool isGone_ = false;
 };

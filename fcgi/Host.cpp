@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
+#include <stdexcept>
+#include <system_error>
 
 #include "HostClient.h"
 #include "Log.h"
@@ -11,12 +14,14 @@
 
 namespace {
 
-// libfcgi waits for descriptors below 1024 alone. Each thread may have three more: a server's, a file's and a state's;
-// the host itself needs fewer than the rest.
-unsigned mostConnections(unsigned threads) {
-    constexpr unsigned kDescriptors = 1024;
+// Each thread may have three descriptors besides a connection: a server's, a file's and a state's; the host itself needs
+// fewer than the rest.
+unsigned mostConnections(unsigned descriptors, unsigned threads) {
     constexpr unsigned kOwn = 64;
-    return kDescriptors - kOwn - 3 * threads;
+    const unsigned others = kOwn + 3 * threads;
+    if (descriptors >= others + threads) return descriptors - others;
+    throw std::runtime_error(std::to_string(threads) + " threads need " + std::to_string(others + threads) +
+                             " descriptors; there may be " + std::to_string(descriptors));
 }
 
 class HostExchange final : public Exchange {
@@ -78,18 +83,29 @@ class InFlight {
 
 }  // namespace
 
-Host::Host(const Options& options, int listener, CurrentConfiguration& configuration, Metrics& metrics)
+Host::Host(const Options& options, int listener, unsigned descriptors, CurrentConfiguration& configuration,
+           Metrics& metrics)
     : options_(options),
       configuration_(configuration),
       metrics_(metrics),
-      connections_(listener, mostConnections(options.threads)) {
+      connections_(listener, mostConnections(descriptors, options.threads)) {
     for (unsigned i = 0; i < options.threads; ++i)
         slots_.push_back(std::make_unique<Slot>());
-    for (const auto& slot : slots_)
-        threads_.emplace_back(&Host::work, this, std::ref(*slot));
+    try {
+        for (const auto& slot : slots_)
+            threads_.emplace_back(&Host::work, this, std::ref(*slot));
+    } catch (const std::system_error& error) {
+        end();
+        throw std::runtime_error("cannot start " + std::to_string(options.threads) +
+                                 " threads: " + error.code().message());
+    }
 }
 
 Host::~Host() {
+    end();
+}
+
+void Host::end() {
     connections_.end();
     for (const auto& slot : slots_)
         slot->cut();
@@ -141,7 +157,14 @@ bool Host::serve(int connection, Slot& slot) {
     FcgiRequest request(connection, options_.maxBody);
     if (request.begin()) {
         const InFlight inFlight(metrics_);
-        request.finish(answer(request, *configuration, deadline));
+        bool isWhole = false;
+        try {
+            isWhole = answer(request, *configuration, deadline);
+        } catch (const std::bad_alloc& error) {
+            logLine(error.what());
+            isWhole = request.refuse();
+        }
+        request.finish(isWhole);
     }
     slot.end();
     return request.release();

@@ -14,8 +14,10 @@
 
 class Host {
   public:
-    // Begins to serve. The listener stays the caller's, as all else does. Throws std::system_error.
-    Host(const Options& options, int listener, CurrentConfiguration& configuration, Metrics& metrics);
+    // Begins to serve. The listener stays the caller's, as all else does. Throws std::runtime_error when so many
+    // threads cannot be started, or are too many for the number of descriptors that the process may have.
+    Host(const Options& options, int listener, unsigned descriptors, CurrentConfiguration& configuration,
+         Metrics& metrics);
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
     ~Host();  // ends what is still under way
@@ -29,6 +31,7 @@ class Host {
     unsigned connections() const { return connections_.count(); }
 
   private:
+    void end();
     void work(Slot& slot);
     bool serve(int connection, Slot& slot);
     bool answer(FcgiRequest& request, const Configuration& configuration, Slot::Clock::time_point deadline);

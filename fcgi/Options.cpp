@@ -10,7 +10,8 @@
 namespace {
 
 constexpr int kUsageError = 2;
-constexpr unsigned kMostThreads = 256;  // three descriptors each stay below the 1024 that libfcgi can take
+constexpr unsigned kMostThreads =
+    240;  // with four descriptors each they stay below the 1024 that libfcgi can take
 
 constexpr const char* kFooter =
     "Without --listen it serves the socket that it is given: systemd's (LISTEN_FDS), or descriptor 0, as "

@@ -53,13 +53,14 @@ std::string placeOf(const std::optional<Endpoint>& asked, int listener) {
     return asked && !asked->path.empty() ? asked->text() : addressOf(listener);
 }
 
-// No descriptor may be beyond what libfcgi's select() can take.
-void boundDescriptors() {
+// No descriptor may be beyond what libfcgi's select() can take. How many there may be.
+unsigned boundDescriptors() {
     constexpr rlim_t kMost = 1024;
     rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == kMost) return;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return kMost;
     limit.rlim_cur = limit.rlim_max == RLIM_INFINITY ? kMost : std::min<rlim_t>(kMost, limit.rlim_max);
     setrlimit(RLIMIT_NOFILE, &limit);
+    return static_cast<unsigned>(limit.rlim_cur);
 }
 
 // The signals that the main thread waits for; all threads inherit that they are blocked.
@@ -131,7 +132,7 @@ void farewell(Host& host, const sigset_t& signals) {
 
 int serve(const Options& options) {
     const sigset_t signals = blockSignals();
-    boundDescriptors();
+    const unsigned descriptors = boundDescriptors();
     const Descriptor listener(takeListener(options));
     const int statusListener = options.status ? listenOn(*options.status) : -1;
     occupyStandardStreams();
@@ -145,7 +146,7 @@ int serve(const Options& options) {
         return kBadConfiguration;
     }
     Metrics metrics;
-    Host host(options, listener.get(), *configuration, metrics);
+    Host host(options, listener.get(), descriptors, *configuration, metrics);
     const std::time_t started = std::time(nullptr);
     std::optional<StatusServer> status;
     if (statusListener != -1) {
