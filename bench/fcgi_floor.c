@@ -122,6 +122,7 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     listener = FCGX_OpenSocket(argv[1], 4096);
     if (listener < 0 || FCGX_Init() != 0) return EXIT_FAILURE;
+    signal(SIGTERM, SIG_DFL); /* libfcgi catches it, and goes on */
     server_port = (uint16_t)atoi(argv[2]);
     for (int i = atoi(argv[3]); i > 0; --i) {
         pthread_t thread;

@@ -36,7 +36,8 @@ rounds() {
 build_targets() {
     say "building $2 in $1"
     quietly cmake -B "$1" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELARTO_BUILD_BENCH=ON -DVELARTO_BUILD_ADMIN=OFF \
-        -DVELARTO_BUILD_TESTS=OFF -DVELARTO_BUILD_DEVSERVER=OFF "${@:3}" || die "cannot configure"
+        -DVELARTO_BUILD_TESTS=OFF -DVELARTO_BUILD_DEVSERVER=OFF -DVELARTO_BUILD_CONFORM=OFF -DVELARTO_BUILD_FCGI=OFF \
+        "${@:3}" || die "cannot configure"
     # shellcheck disable=SC2086 # several targets
     cmake --build "$1" --target $2 -- --quiet || die "cannot build"
 }

@@ -14,6 +14,7 @@
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -84,7 +85,7 @@ static int number_argument(const char* text, int low, int high) {
 }
 
 /* Connections that are accepted inherit the option: no message waits for the acknowledgement of another. */
-static int listen_on(int port) {
+static int listen_on_port(int port) {
     const int on = 1;
     struct sockaddr_in address = {.sin_family = AF_INET};
     socklen_t size = sizeof address;
@@ -102,6 +103,19 @@ static int listen_on(int port) {
     return listener;
 }
 
+static int listen_on_path(const char* path) {
+    struct sockaddr_un address = {.sun_family = AF_UNIX};
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+    if (listener < 0 || bind(listener, (const struct sockaddr*)&address, sizeof address) != 0 ||
+        listen(listener, SOMAXCONN) != 0) {
+        fail("cannot listen");
+    }
+    printf("%s listening on unix:%s\n", program_invocation_short_name, path);
+    fflush(stdout);
+    return listener;
+}
+
 static pid_t start_worker(int listener, const sigset_t* signals, void (*serve)(int listener)) {
     const pid_t parent = getpid();
     const pid_t worker = fork();
@@ -115,13 +129,18 @@ static pid_t start_worker(int listener, const sigset_t* signals, void (*serve)(i
 
 int run_workers(int argc, char** argv, void (*serve)(int listener)) {
     enum { MAX_WORKERS = 64 };
-    static const struct option options[] = {
-        {"port", required_argument, NULL, 'p'}, {"workers", required_argument, NULL, 'w'}, {0}};
+    static const struct option options[] = {{"port", required_argument, NULL, 'p'},
+                                            {"unix", required_argument, NULL, 'u'},
+                                            {"workers", required_argument, NULL, 'w'},
+                                            {0}};
     pid_t workers[MAX_WORKERS];
+    const char* path = NULL;
     int port = 0, count = 2, option, signal_number;
     while ((option = getopt_long(argc, argv, "", options, NULL)) != -1) {
         if (option == 'p') {
             port = number_argument(optarg, 0, 65535);
+        } else if (option == 'u') {
+            path = optarg;
         } else if (option == 'w') {
             count = number_argument(optarg, 1, MAX_WORKERS);
         } else {
@@ -138,7 +157,7 @@ int run_workers(int argc, char** argv, void (*serve)(int listener)) {
     sigprocmask(SIG_BLOCK, &signals, NULL);
     signal(SIGPIPE, SIG_IGN);
 
-    const int listener = listen_on(port);
+    const int listener = path != NULL ? listen_on_path(path) : listen_on_port(port);
     for (int i = 0; i < count; ++i)
         workers[i] = start_worker(listener, &signals, serve);
     sigwait(&signals, &signal_number);

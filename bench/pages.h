@@ -33,9 +33,9 @@ size_t write_sink_page(char* text, unsigned long long body_size);
 enum { HEADER_FIELDS_SIZE = 128 };
 size_t write_header_fields(char* text, unsigned long long content_length);
 
-/* A server's main program. Takes "--port N" (0, the default, picks one) and "--workers N" (2), listens on
- * 127.0.0.1, says so in one line, "PROGRAM listening on 127.0.0.1:PORT", and forks workers that run
- * serve(listener) for ever; SIGTERM, SIGINT or SIGHUP ends it with all of them. */
+/* A server's main program. Takes "--port N" (0, the default, picks one), or "--unix PATH", and "--workers N" (2), listens
+ * on 127.0.0.1 or the path, says so in one line, "PROGRAM listening on 127.0.0.1:PORT" or "... unix:PATH", and forks
+ * workers that run serve(listener) for ever; SIGTERM, SIGINT or SIGHUP ends it with all of them. */
 int run_workers(int argc, char** argv, void (*serve)(int listener));
 
 #ifdef __cplusplus
