@@ -1,9 +1,12 @@
 // velarto-fcgi, spoken to byte by byte over its own socket: what a web server would not say, failures of application
 // servers, its configuration, its end and its successor. The web servers themselves: web_test.
 #include <fcntl.h>
+#include <sys/resource.h>
 
 #include <atomic>
+#include <filesystem>
 #include <regex>
+#include <set>
 #include <thread>
 
 #include "support/Contains.h"
@@ -17,6 +20,11 @@ using namespace std::chrono_literals;
 using namespace support;
 using Texts = std::vector<std::string>;
 
+#ifdef VELARTO_SANITIZED
+constexpr bool kIsSanitized = true;
+#else
+constexpr bool kIsSanitized = false;
+#endif
 constexpr char kSpoiled[] = "Content-Type: text/plain\r\n\r\nhal";
 
 std::string get(const std::string& path, bool isKept = false) {
@@ -79,12 +87,30 @@ class Host : public GatewayTest {
         return outcome.out;
     }
 
-    void waitForFlight() const {
+    void waitForMetric(const std::string& line) const {
         for (int tries = 0; tries < 2000; ++tries) {
-            if (page("/metrics").find("velarto_requests_in_flight 1\n") != std::string::npos) return;
+            if (page("/metrics").find(line + "\n") != std::string::npos) return;
             ::usleep(10000);
         }
-        ADD_FAILURE() << "no request is under way";
+        ADD_FAILURE() << "never " << line;
+    }
+    // What the host may have of this kind.
+    static void bound(const Process& host, __rlimit_resource kind, rlim_t soft) {
+        rlimit limit{};
+        EXPECT_EQ(::prlimit(host.pid(), kind, nullptr, &limit), 0);
+        limit.rlim_cur = soft;
+        EXPECT_EQ(::prlimit(host.pid(), kind, &limit, nullptr), 0);
+    }
+    // The host may open so many descriptors more than it has.
+    static void leaveDescriptors(const Process& host, int count) {
+        std::set<rlim_t> taken;
+        for (const auto& item :
+             std::filesystem::directory_iterator("/proc/" + std::to_string(host.pid()) + "/fd"))
+            taken.insert(std::stoul(item.path().filename()));
+        rlim_t limit = 0;
+        for (; taken.count(limit) != 0 || count > 0; ++limit)
+            if (taken.count(limit) == 0) --count;
+        bound(host, RLIMIT_NOFILE, limit);
     }
 
     const std::string socket_ = folder_ / "fcgi";
@@ -230,7 +256,7 @@ TEST_F(Host, EndsWhenWhatIsUnderWayHasEnded) {
     fcgi::Client client(socket_), kept(socket_);
     EXPECT_TRUE(kept.ask(get("/blob", true)).isWhole);
     client.send(fcgi::request({{"PATH_INFO", "/stream"}, {"QUERY_STRING", "pieces=5&size=3&delay=200"}}));
-    waitForFlight();
+    waitForMetric("velarto_requests_in_flight 1");
     host.kill(SIGTERM);
     waitForLine(host, "ending");
     EXPECT_TRUE(client.receive().isWhole);
@@ -251,6 +277,93 @@ TEST_F(Host, KeptConnectionsBindNoThread) {
             const std::string body = std::to_string(turn) + " of " + std::to_string(i);
             EXPECT_EQ(bodyOf(clients[i]->ask(post(body, turn == 0, true))), body);
         }
+    }
+}
+
+TEST_F(Host, RequestsWaitWhileAllThreadsAreBusy) {
+    const DevServer server;
+    configure(entry(server.port()));
+    start({"--threads", "2"});
+    const std::string slow =
+        fcgi::request({{"PATH_INFO", "/stream"}, {"QUERY_STRING", "pieces=5&size=3&delay=200"}});
+    fcgi::Client first(socket_), second(socket_), third(socket_);
+    first.send(slow);
+    second.send(slow);
+    waitForMetric("velarto_threads_busy 2");
+    third.send(get("/blob"));
+    EXPECT_TRUE(contains(page("/status.json"), "\"requests_answered\": 0"));
+    for (fcgi::Client* client : {&third, &first, &second})
+        EXPECT_TRUE(client->receive().isWhole);
+}
+
+TEST_F(Host, SlowReaderHoldsNobodyElseUp) {
+    const DevServer server;
+    configure(entry(server.port()));
+    start({"--threads", "2"});
+    constexpr std::size_t kSize = 20000000;
+    fcgi::Client slow(socket_);
+    slow.send(fcgi::request({{"PATH_INFO", "/blob"}, {"QUERY_STRING", "size=" + std::to_string(kSize)}}));
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(bodyOf(ask(post("quick", true))), "quick");
+    const fcgi::Reply reply = slow.receive();
+    EXPECT_TRUE(reply.isWhole);
+    EXPECT_EQ(bodyOf(reply).size(), kSize);
+}
+
+TEST_F(Host, BearsThatDescriptorsRunOut) {
+    if (kIsSanitized) GTEST_SKIP() << "the look at an object's type takes descriptors of its own";
+    const DevServer server;
+    configure(entry(server.port()));
+    Process& host = start();
+    leaveDescriptors(host, 0);
+    fcgi::Client waiting(socket_);
+    waiting.send(get("/blob"));
+    EXPECT_FALSE(waiting.hasReply(300));
+    leaveDescriptors(host, 1);
+    EXPECT_EQ(waiting.receive().out.find("Status: 503 "), 0U) << "there is one for it, but none for a server";
+    leaveDescriptors(host, 20);
+    EXPECT_EQ(ask(get("/blob")).out.substr(0, 12), "Status: 200 ");
+}
+
+TEST_F(Host, BearsThatMemoryRunsOut) {
+    if (kIsSanitized) GTEST_SKIP() << "sanitizers need what memory they want";
+    const DevServer server;
+    configure(entry(server.port()));
+    Process& host = start({"--threads", "2"});
+    EXPECT_EQ(bodyOf(ask(post("before", true))), "before");
+    const std::string sizes = readFile("/proc/" + std::to_string(host.pid()) + "/statm");
+    bound(host, RLIMIT_AS, (std::stoul(sizes) + 2048) * static_cast<rlim_t>(::sysconf(_SC_PAGESIZE)));
+    const fcgi::Variables large = {{"REQUEST_METHOD", "POST"}, {"CONTENT_LENGTH", "100000000"}};
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(ask(fcgi::begin(false) + fcgi::params(large)).out.find("Status: 503 "), 0U);
+    EXPECT_EQ(bodyOf(ask(post("after", true))), "after");
+}
+
+TEST_F(Host, ServesTheSocketThatItIsGiven) {
+    const DevServer server;
+    configure(entry(server.port()));
+    const Command program = hostCommand({});
+    const Texts starters[] = {{"/usr/bin/systemd-socket-activate", "--setenv=VELARTO_PATH=" + folder_.path(),
+                               "--listen=" + socket_},
+                              {"/usr/bin/python3", "-c",
+                               "import os, socket, sys\n"
+                               "s = socket.socket(socket.AF_UNIX); s.bind(sys.argv[1]); s.listen()\n"
+                               "os.dup2(s.fileno(), 0); os.execv(sys.argv[2], sys.argv[2:])",
+                               socket_}};
+    for (const Texts& starter : starters) {
+        SCOPED_TRACE(starter[0]);
+        if (::access(starter[0].c_str(), X_OK) != 0) continue;
+        Command command = program;
+        command.program = starter[0];
+        command.arguments = starter;
+        command.arguments.insert(command.arguments.end(), {program.program, "shop", "--threads", "4"});
+        Process& host = *hosts_.emplace_back(std::make_unique<Process>(command));
+        for (int tries = 0; tries < 2000 && !fcgi::Client(socket_).isConnected(); ++tries)
+            ::usleep(10000);
+        EXPECT_EQ(bodyOf(ask(post("given", true))), "given");
+        host.kill(SIGTERM);
+        EXPECT_EQ(host.wait(20s).exitStatus, 0) << host.err();
+        std::filesystem::remove(socket_);
     }
 }
 
@@ -324,6 +437,19 @@ TEST_F(Host, SaysWhyItCannotStart) {
         const Outcome outcome = support::run(hostCommand(options), 20s);
         EXPECT_EQ(outcome.exitStatus, status) << text;
         EXPECT_TRUE(contains(outcome.out + outcome.err, text));
+    }
+    const std::pair<std::string, std::string> limits[] = {
+        {"ulimit -n 100", "64 threads need 320 descriptors; there may be 100"},
+        {"ulimit -v 300000", "cannot start 64 threads: Resource temporarily unavailable"},
+    };
+    for (const auto& [limit, text] : limits) {
+        if (kIsSanitized && limit.find("-v") != limit.npos) continue;
+        Command command = hostCommand({"--listen", "unix:" + socket_});
+        command.arguments.insert(command.arguments.begin(), {"sh", "-c", limit + R"( && exec "$0" "$@")"});
+        command.arguments[3] = std::exchange(command.program, "/bin/sh");
+        const Outcome outcome = support::run(command, 20s);
+        EXPECT_EQ(outcome.exitStatus, 1) << outcome.signal;
+        EXPECT_TRUE(contains(outcome.err, text));
     }
     writeFile(clientsFile(), "[shop]\nx\n");
     for (const Texts& options : {Texts{"--check"}, Texts{"--listen", "unix:" + socket_}}) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -83,6 +84,10 @@ class Client {
         message.msg_iov = &part;
         message.msg_iovlen = 1;
         return ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    }
+    bool hasReply(int milliseconds) const {
+        pollfd wait = {socket_.get(), POLLIN, 0};
+        return ::poll(&wait, 1, milliseconds) != 0;
     }
     void closeSending() { ::shutdown(socket_.get(), SHUT_WR); }
 
