@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "protocol/SocCGIQuilClient.h"
+#include "support/TempDir.h"
 
 static std::atomic<int> lastWait{0};  // milliseconds
 
@@ -76,6 +77,54 @@ TEST(Socket, ConnectWaitsAtMostItsTime) {
     EXPECT_FALSE(Socket::IsSameConnection(AF_INET, &waiting[0], &waiting[2]));
     for (const char* wrong : {"localhost", "255.255.255.255", "", static_cast<const char*>(nullptr)})
         EXPECT_FALSE(waiting[2].Connect(wrong, 80, kBrief));
+}
+
+TEST(Socket, ConnectsOverIPv6AndToAPath) {
+    const support::TempDir folder;
+    const std::string path = folder / "socket";
+    const std::pair<int, std::string> addresses[] = {{AF_INET6, "::1"}, {AF_UNIX, path}};
+    for (const auto& [family, address] : addresses) {
+        Socket listener, socket;
+        if (!listener.CreateSocket(family, address.c_str(), nullptr)) {
+            EXPECT_EQ(listener.GetLastError(), EADDRNOTAVAIL) << "no IPv6 here";
+            continue;
+        }
+        ASSERT_EQ(listen(listener.GetDescriptor(), 0), 0);
+        sockaddr_in6 own{};
+        socklen_t length = sizeof own;
+        getsockname(listener.GetDescriptor(), reinterpret_cast<sockaddr*>(&own), &length);
+        ASSERT_TRUE(socket.CreateSocket(family, nullptr, nullptr));
+        EXPECT_FALSE(socket.Connect("127.0.0.1", 0, kBrief));
+        EXPECT_TRUE(socket.Connect(address.c_str(), family == AF_UNIX ? 0 : ntohs(own.sin6_port), kBrief));
+        EXPECT_TRUE(socket.IsActive());
+        EXPECT_EQ(socket.getAddressAsIP(), nullptr);
+        EXPECT_FALSE(Socket().CreateSocket(family, std::string(108, '/').c_str(), nullptr));
+    }
+    Socket lost;
+    ASSERT_TRUE(lost.CreateSocket(AF_UNIX, nullptr, nullptr));
+    EXPECT_FALSE(lost.Connect((path + "0").c_str(), 0, kBrief));
+    EXPECT_EQ(lost.GetLastError(), ENOENT);
+}
+
+TEST(Socket, WaitsForRoomInTheQueueOfAPath) {
+    const support::TempDir folder;
+    const std::string path = folder / "socket";
+    Socket listener, first, second;
+    ASSERT_TRUE(listener.CreateSocket(AF_UNIX, path.c_str(), nullptr));
+    ASSERT_EQ(listen(listener.GetDescriptor(), 0), 0);
+    for (Socket* socket : {&first, &second})
+        ASSERT_TRUE(socket->CreateSocket(AF_UNIX, nullptr, nullptr));
+    EXPECT_TRUE(first.Connect(path.c_str(), 0, kBrief));
+    EXPECT_FALSE(second.Connect(path.c_str(), 0, kBrief));
+    EXPECT_EQ(second.GetLastError(), ETIMEDOUT);
+    std::thread taker([&] {
+        usleep(kBrief * 1000);
+        close(accept(listener.GetDescriptor(), nullptr, nullptr));
+    });
+    EXPECT_TRUE(second.Connect(path.c_str(), 0, 20000));
+    EXPECT_TRUE(second.IsActive());
+    EXPECT_NE(fcntl(second.GetDescriptor(), F_GETFL) & O_NONBLOCK, 0);
+    taker.join();
 }
 
 TEST(Socket, TransfersWaitAtMostTheTimeOutWhateverSignalsCome) {

@@ -90,8 +90,12 @@ bool VeClientSendRequest(ve_hclient_t* connection, ve_hrequest_t* request) {
     if (client == nullptr || record == nullptr) return false;
 
     if (client->SendQuilRequest(record)) return true;
-    clientError.SetErrorMessage("The request was sent to the Velarto Server on IP %s Port %s",
-                                client->serverIP(), client->serverPort());
+    if (*client->serverPort() == 0) {
+        clientError.SetErrorMessage("The request was sent to the Velarto Server on %s", client->serverIP());
+    } else {
+        clientError.SetErrorMessage("The request was sent to the Velarto Server on IP %s Port %s",
+                                    client->serverIP(), client->serverPort());
+    }
     return false;
 }
 

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/AddressFamily.h"
 #include "platform/systimer_impl.h"
 
 namespace {
@@ -32,7 +33,28 @@ constexpr std::uint8_t quitter_table[][3] = {{1, 2, 0}, {4, 2, 0}, {3, 4, 0}, {4
 constexpr std::uint8_t kHeaderEnds = 4;
 
 socklen_t addressSize(int family) {
-    return family == AF_UNIX ? sizeof(sockaddr_un) : sizeof(sockaddr_in);
+    if (family == AF_UNIX) return sizeof(sockaddr_un);
+    return family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+}
+
+// Writes an address of the block's family, and its port, into the block; null: any address. False when the text is none of
+// that family. A family that is not known has the layout of IPv4.
+bool writeAddress(sockaddr* block, const char* text, std::uint16_t port) {
+    if (block->sa_family == AF_UNIX) {
+        auto* local = reinterpret_cast<sockaddr_un*>(block);
+        if (text != nullptr && std::strlen(text) >= sizeof local->sun_path) return false;
+        std::strcpy(local->sun_path, text != nullptr ? text : "");
+        return true;
+    }
+    if (block->sa_family == AF_INET6) {
+        auto* six = reinterpret_cast<sockaddr_in6*>(block);
+        six->sin6_port = htons(port);
+        return text == nullptr || inet_pton(AF_INET6, text, &six->sin6_addr) == 1;
+    }
+    auto* four = reinterpret_cast<sockaddr_in*>(block);
+    four->sin_port = htons(port);
+    four->sin_addr.s_addr = text != nullptr ? inet_addr(text) : INADDR_ANY;
+    return true;
 }
 
 bool isEmpty(const char* text) {
@@ -232,14 +254,15 @@ bool Socket::CreateSocket(int family, const char* localAddress, const char* loca
     }
     const bool anyAddress = isEmpty(localAddress);
     const bool anyPort = isEmpty(localPort);
-    const in_addr_t host = anyAddress ? INADDR_ANY : inet_addr(localAddress);
     const long port = anyPort ? 0 : std::strtol(localPort, nullptr, 10);
-    if (!openDescriptor(family, host, static_cast<std::uint16_t>(port))) return failCreation();
+    if (!openDescriptor(family, anyAddress ? nullptr : localAddress, static_cast<std::uint16_t>(port)))
+        return failCreation();
 
     // A client's port is better chosen by connect(), which may share it between servers and passes over those
     // of finished connections: a busy gateway does not run out of ports, nor search long for a free one. An
     // older kernel lacks the option and chooses in bind().
     if (anyAddress && anyPort) setOption(descriptor_, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, 1);
+    if (family == AF_INET6 && !anyAddress) setOption(descriptor_, IPPROTO_IPV6, IPV6_V6ONLY, 1);
     const linger noLinger{};
     if (!setOption(descriptor_, SOL_SOCKET, SO_REUSEADDR, 1) || !bindDescriptor() ||
         setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &noLinger, sizeof noLinger) != 0) {
@@ -266,30 +289,31 @@ bool Socket::CreateSocket(int descriptor, const sockaddr* address, std::uint32_t
 }
 
 bool Socket::IsPortAvailable(int port) {
-    if (openDescriptor(AF_INET, INADDR_ANY, static_cast<std::uint16_t>(port)) && bindDescriptor())
-        return true;
+    if (openDescriptor(AF_INET, nullptr, static_cast<std::uint16_t>(port)) && bindDescriptor()) return true;
     lastError_ = errno;
     return false;
 }
 
-// A new descriptor of the object's own, and the address to bind it to. The address has the IPv4 layout in
-// every family: it is the only one that host and port are meant for.
-bool Socket::openDescriptor(int family, in_addr_t localAddress, std::uint16_t localPort) {
+// A new descriptor of the object's own, and the address to bind it to.
+bool Socket::openDescriptor(int family, const char* localAddress, std::uint16_t localPort) {
     closeDescriptor();
     address_.reset(AllocSocketAddress(static_cast<std::uint16_t>(family), 0));
     if (address_ == nullptr) return false;
-    auto* inet = reinterpret_cast<sockaddr_in*>(address_.get());
-    inet->sin_port = htons(localPort);
-    inet->sin_addr.s_addr = localAddress;
-
+    if (!writeAddress(address_.get(), localAddress, localPort)) {
+        errno = EINVAL;
+        return false;
+    }
     descriptor_ = socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     ownsDescriptor_ = descriptor_ >= 0;
     return ownsDescriptor_;
 }
 
-// A local (AF_UNIX) socket has neither host nor port: given the family alone, Linux chooses a unique name.
 bool Socket::bindDescriptor() {
-    const socklen_t length = address_->sa_family == AF_UNIX ? sizeof(sa_family_t) : sizeof(sockaddr_in);
+    socklen_t length = addressSize(address_->sa_family);
+    const bool isLocal = address_->sa_family == AF_UNIX;
+    // Given the family alone, Linux chooses a unique name.
+    if (isLocal && reinterpret_cast<const sockaddr_un*>(address_.get())->sun_path[0] == '\0')
+        length = sizeof(sa_family_t);
     return bind(descriptor_, address_.get(), length) == 0;
 }
 
@@ -305,24 +329,47 @@ bool Socket::failCreation() {
 // ---- connection ----
 
 bool Socket::Connect(const sockaddr* peer, std::uint32_t length, std::uint32_t milliseconds) {
+    if (milliseconds == 0) milliseconds = kConnectTimeout;
     if (connect(descriptor_, peer, length) != 0) {
         lastError_ = errno;
+        if (lastError_ == EAGAIN && peer->sa_family == AF_UNIX)
+            return waitInQueue(peer, length, milliseconds);
         // Interrupted means in progress too: the system goes on connecting.
         if (lastError_ != EINPROGRESS && lastError_ != EAGAIN && lastError_ != EINTR) return false;
     }
-    return Select(milliseconds != 0 ? milliseconds : kConnectTimeout, false, true, false);
+    return Select(milliseconds, false, true, false);
+}
+
+// The queue of a unix socket was full: unlike with TCP nothing goes on by itself, the wait is connect()'s own.
+bool Socket::waitInQueue(const sockaddr* peer, std::uint32_t length, std::uint32_t milliseconds) {
+    bool connected = false;
+    setNonBlocking(false);
+    Deadline deadline(milliseconds);
+    for (lastError_ = EAGAIN; lastError_ == EAGAIN || lastError_ == EINTR;) {
+        if (deadline.hasPassed()) {
+            lastError_ = ETIMEDOUT;
+            break;
+        }
+        const int left = deadline.pollTime();
+        const timeval limit{left / 1000, left % 1000 * 1000};
+        setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+        connected = connect(descriptor_, peer, length) == 0;
+        lastError_ = connected ? 0 : errno;
+    }
+    setNonBlocking(true);
+    return connected;
 }
 
 bool Socket::Connect(const char* address, std::uint16_t port, std::uint32_t milliseconds) {
-    sockaddr_in peer{};
-    peer.sin_family = AF_INET;
-    peer.sin_port = htons(port);
-    peer.sin_addr.s_addr = address != nullptr ? inet_addr(address) : INADDR_NONE;
-    if (peer.sin_addr.s_addr == INADDR_NONE || port == 0) {
+    const int family = address != nullptr ? AddressFamily(address) : AF_UNSPEC;
+    sockaddr_storage storage{};
+    auto* peer = reinterpret_cast<sockaddr*>(&storage);
+    peer->sa_family = static_cast<sa_family_t>(family);
+    if (family == AF_UNSPEC || (port == 0 && family != AF_UNIX) || !writeAddress(peer, address, port)) {
         lastError_ = EINVAL;
         return false;
     }
-    return Connect(reinterpret_cast<const sockaddr*>(&peer), sizeof peer, milliseconds);
+    return Connect(peer, addressSize(family), milliseconds);
 }
 
 bool Socket::IsActive() const {
@@ -456,7 +503,7 @@ int Socket::ReceiveHTTP(CText& text, int mode, std::uint32_t maxLength) {
 // ---- inspection ----
 
 char* Socket::getAddressAsIP() const {
-    if (!hasDescriptorAndAddress()) return nullptr;
+    if (!hasDescriptorAndAddress() || address_->sa_family != AF_INET) return nullptr;
     return inet_ntoa(reinterpret_cast<const sockaddr_in*>(address_.get())->sin_addr);
 }
 
@@ -476,7 +523,7 @@ bool Socket::IsSameConnection(int family, Socket* first, Socket* second) {
 const char* Socket::castToIP(const char* host, CText& out, bool all) {
     out.Clear();
     if (isEmpty(host)) return nullptr;
-    if (inet_addr(host) != INADDR_NONE) {
+    if (AddressFamily(host) != AF_UNSPEC) {
         out = host;
         return out.GetText();
     }

@@ -1,4 +1,4 @@
-// Socket: one TCP socket with millisecond time-outs.
+// Socket: one stream socket, TCP or unix, with millisecond time-outs.
 #pragma once
 
 #include <netinet/in.h>
@@ -12,7 +12,7 @@
 
 // Every socket is non-blocking and close-on-exec; every wait ends after a time-out in milliseconds. Failures
 // are a false, -1 or null result, with the cause as an errno value in GetLastError(). A peer that closed
-// makes a send fail; it never raises a signal. IPv4 only.
+// makes a send fail; it never raises a signal.
 //
 // Ownership: the object closes the descriptor it created or adopted. A copy is a view of the same descriptor:
 // it never shuts it down or closes it, and must not be used once the original is gone. Assigning to a socket
@@ -27,9 +27,10 @@ class Socket {
     Socket& operator=(const Socket& other);
     virtual ~Socket();
 
-    // A new socket bound to localAddress:localPort (null or empty: any address, a port that the system
-    // chooses). When neither is given, the port is chosen by connect() or listen(), and getsockname() shows
-    // port 0 until then. A socket of the family AF_UNIX gets a name that the system chooses.
+    // A new socket of the family AF_INET, AF_INET6 or AF_UNIX, bound to localAddress:localPort (null or empty: any
+    // address, a port that the system chooses). When neither is given, the port is chosen by connect() or
+    // listen(), and getsockname() shows port 0 until then. One of AF_INET6 with a localAddress takes no IPv4. One
+    // of AF_UNIX is bound to the path localAddress, without it to a name that the system chooses.
     virtual bool CreateSocket(int family, const char* localAddress, const char* localPort);
     // Adopts an open descriptor, such as accept() returns; length 0 means the size of an IPv4 address. When
     // it fails, the descriptor is still the caller's.
@@ -40,7 +41,8 @@ class Socket {
 
     // ---- connection; a result of true means "writable": confirm it with IsActive() ----
     bool Connect(const sockaddr* peer, std::uint32_t length, std::uint32_t milliseconds);  // 0: 3000 ms
-    bool Connect(const char* address, std::uint16_t port, std::uint32_t milliseconds);     // dotted IPv4
+    // An address of the socket's family as it is written, see AddressFamily(); with a path the port does not count.
+    bool Connect(const char* address, std::uint16_t port, std::uint32_t milliseconds);
     bool IsActive() const;  // connected to a peer
     // Binds a fresh socket to the port; it stays bound until it is destroyed.
     bool IsPortAvailable(int port);
@@ -72,11 +74,11 @@ class Socket {
     // ---- inspection ----
     int GetDescriptor() const { return descriptor_; }  // -1 when there is none
     int GetLastError() const { return lastError_; }
-    char* getAddressAsIP() const;  // dotted form of the own address; the C library's buffer
+    char* getAddressAsIP() const;  // dotted form of an own IPv4 address, else null; the C library's buffer
     // Whether first's peer is second's own address; family AF_UNIX or AF_INET.
     static bool IsSameConnection(int family, Socket* first, Socket* second);
-    // Resolves a host: a dotted address is taken as it stands, a name gives its first IPv4 address, or all of
-    // them joined by ":". Returns out's text, null when there is none.
+    // Resolves a host: an address or a path, see AddressFamily(), is taken as it stands; a name gives its first
+    // IPv4 address, or all of them joined by ":". Returns out's text, null when there is none.
     static const char* castToIP(const char* host, CText& out, bool all);
 
     // ---- housekeeping of the class ----
@@ -98,10 +100,11 @@ class Socket {
 
     bool hasDescriptorAndAddress() const { return descriptor_ >= 0 && address_ != nullptr; }
     sockaddr* copyOfAddress() const;
-    bool openDescriptor(int family, in_addr_t localAddress, std::uint16_t localPort);
+    bool openDescriptor(int family, const char* localAddress, std::uint16_t localPort);
     bool bindDescriptor();
     bool closeDescriptor();
     bool failCreation();
+    bool waitInQueue(const sockaddr* peer, std::uint32_t length, std::uint32_t milliseconds);
     bool waitUntil(Deadline& deadline, short events);
     template <typename Attempt>
     int transfer(std::uint32_t size, short events, Attempt attempt);

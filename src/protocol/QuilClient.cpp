@@ -158,7 +158,10 @@ bool QuilClient::offer(ServerChoice choice, const ServerEntry& server, const Ser
 
 bool QuilClient::attempt(ServerChoice choice, const ServerEntry& entry) {
     choice_ = choice;
-    if (connectToServer(entry.host(), entry.port())) return true;
+    if (connectToServer(entry.host(), entry.port())) {
+        if (isBeyondIPv4_) setSID(entry.sid());  // the only name that a route has for it
+        return true;
+    }
     if (!settings_.namesFailures) return false;
     if (!failedAttempts_.IsEmpty()) failedAttempts_ += "; ";
     failedAttempts_ += serverEntry_;
@@ -255,11 +258,15 @@ CText& QuilClient::AddVelartoCookieWithIP(const CText& cookies, CText& out) {
     if (!out.IsEmpty()) out += "; ";
     out.AppendFormat("%s=", kClientCookie);
     out += clientName_;
-    if (addRouteCookie_) {
+    if (hasRoute()) {
         out.AppendFormat("; %s=", kRouteCookie);
         appendRoute(out);
     }
     return out;
+}
+
+bool QuilClient::hasRoute() const {
+    return addRouteCookie_ && (!isBeyondIPv4_ || std::strlen(sid_) == kSIDLength);
 }
 
 // The SID, or address and port in hexadecimal: as configured where the texts can be read so, else as
@@ -406,6 +413,13 @@ void QuilClient::setServer(const char* addressText, const char* portText, std::u
                            std::uint16_t port) {
     CopyFixedText(serverIP_, addressText);
     CopyFixedText(serverPort_, portText);
+    isBeyondIPv4_ = false;
     connectedAddress_ = address;
     connectedPort_ = port;
+}
+
+void QuilClient::setServerBeyondIPv4(const char* addressText, const char* portText) {
+    CopyFixedText(serverIP_, addressText);
+    CopyFixedText(serverPort_, portText);
+    isBeyondIPv4_ = true;
 }

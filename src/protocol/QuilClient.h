@@ -42,8 +42,8 @@ class QuilClient : public DripClient {
     // FILELIMIT keeps it back.
     virtual bool processFileRequest(CText& path, bool parseFilePaths);
 
-    // Connects to one server; on success the server's address and port are recorded with setServer(), else
-    // failConnection() is told why.
+    // Connects to one server, host and port or path and "" as ServerEntry has them; on success the server's address
+    // and port are recorded with setServer(), else failConnection() is told why.
     virtual bool connectToServer(const char* host, const char* port) = 0;
 
     // Chooses a server from the section's list and connects: the only one; else the one that the query string
@@ -80,7 +80,8 @@ class QuilClient : public DripClient {
     // Decodes it: the SID of the short form, address and port of the long one; texts that it does not hold
     // are left.
     bool processUserRef(CText& sid, CText& ip, CText& port) const;
-    // out = cookies (without those of the gateway's names where the section wants that) plus "VelartoClient=" and, when several servers were to choose from, "Velarto_CGIIP=".
+    // out = cookies (without those of the gateway's names where the section wants that) plus "VelartoClient=" and,
+    // when several servers were to choose from and the one chosen has a SID or an IPv4 address, "Velarto_CGIIP=".
     // Returns out.
     CText& AddVelartoCookieWithIP(const CText& cookies, CText& out);
 
@@ -105,11 +106,12 @@ class QuilClient : public DripClient {
     const char* serverPort() const { return serverPort_; }
 
   protected:
-    static constexpr std::size_t kAddressSize = 16;
     static constexpr std::size_t kFieldSize = 32;
 
     // Records the connected server: the texts as configured, and where the connection really leads.
     void setServer(const char* addressText, const char* portText, std::uint32_t address, std::uint16_t port);
+    // One that is not reached over IPv4: only its SID can name it in the route.
+    void setServerBeyondIPv4(const char* addressText, const char* portText);
 
     const ConnectionSettings& settings() const { return settings_; }
 
@@ -124,6 +126,7 @@ class QuilClient : public DripClient {
                ServerState& state);
     bool attempt(ServerChoice choice, const ServerEntry& entry);
     void readWishes(const TQuilRequest& request, Stanza& clientSection, ServerWishes& wishes);
+    bool hasRoute() const;
     void appendRoute(CText& out) const;
     bool readFile(const CText& path, CData& content, std::uint32_t& size) const;
     bool receiveFirstHeader(std::uint32_t& type, std::uint32_t& version);
@@ -140,11 +143,12 @@ class QuilClient : public DripClient {
     CText failedAttempts_;
     CText refusedFile_;
     char sid_[kFieldSize] = {};
-    char serverIP_[kAddressSize] = {};
+    char serverIP_[ServerEntry::kPathSize] = {};  // address or path
     char serverPort_[kFieldSize] = {};
     char userRef_[128] = {};
     bool addRouteCookie_ = false;
     ServerChoice choice_ = ServerChoice::kNone;
+    bool isBeyondIPv4_ = false;
     std::uint32_t connectedAddress_ = 0;  // host byte order
     std::uint16_t connectedPort_ = 0;
 };

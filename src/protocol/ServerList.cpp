@@ -1,21 +1,26 @@
 #include "protocol/ServerList.h"
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
 
+#include "config/Attribute.h"
 #include "config/ClientKeys.h"
+#include "platform/AddressFamily.h"
 
 namespace {
 
 constexpr char kBlanks[] = " \t\n\v\f\r";
 constexpr unsigned kHighestPort = 65535;
 
-enum Field : std::size_t { kSid, kHost, kPort, kFields };
-constexpr const char* kFieldNames[kFields] = {"SID", "host", "port"};
+enum Field : std::size_t { kSid, kHost, kPort, kPath, kFields };
+constexpr const char* kFieldNames[kFields] = {"SID", "host", "port", "path"};
 constexpr std::size_t kFieldSizes[kFields] = {ServerEntry::kSidSize, ServerEntry::kHostSize,
-                                              ServerEntry::kPortSize};
+                                              ServerEntry::kPortSize, ServerEntry::kPathSize};
 
 bool isBlank(const char* text) {
     return text[std::strspn(text, kBlanks)] == 0;
@@ -58,6 +63,46 @@ void swapColonsAndCommas(CText& list) {
     }
 }
 
+// Whether something stands between two colons, so that the text is not two entries with nothing or an empty one between.
+bool hasGroupBetweenColons(const char* address) {
+    for (const char* colon = std::strchr(address, ':'); colon != nullptr;) {
+        const char* next = std::strchr(colon + 1, ':');
+        if (next != nullptr && next != colon + 1) return true;
+        colon = next;
+    }
+    return false;
+}
+
+// The length of an entry with an IPv6 address at the beginning of a list; 0 when none is there.
+std::size_t lengthWithIPv6(const char* list) {
+    const char* host = list;
+    if (*host != '[') {  // a SID
+        host += std::strcspn(host, ":,");
+        if (host == list || *host != ',') return 0;
+        ++host;
+    }
+    const bool isInBrackets = *host == '[';
+    const char* begin = host + (isInBrackets ? 1 : 0);
+    const std::size_t length = std::strcspn(begin, "],");
+    char address[INET6_ADDRSTRLEN] = {};
+    if (length >= sizeof address) return 0;
+    std::memcpy(address, begin, length);
+    if (AddressFamily(address) != AF_INET6 || (!isInBrackets && !hasGroupBetweenColons(address))) return 0;
+
+    const char* comma = begin + length;
+    if (isInBrackets && *comma++ != ']') return 0;
+    const std::size_t digits = *comma == ',' ? std::strspn(comma + 1, "0123456789") : 0;
+    if (digits == 0) return 0;
+    const char* end = comma + 1 + digits;
+    return *end == ':' || *end == 0 ? static_cast<std::size_t>(end - list) : 0;
+}
+
+// The length of the first entry of a list.
+std::size_t entryLength(const char* list) {
+    const std::size_t length = lengthWithIPv6(list);
+    return length != 0 ? length : std::strcspn(list, ":");
+}
+
 // The older form: one host and a value list of ports, of which the empty ones do not count.
 void listFromHostAndPorts(Stanza& section, CText& list) {
     CText host;
@@ -65,6 +110,10 @@ void listFromHostAndPorts(Stanza& section, CText& list) {
     section.getValue(key::VELARTO_HOST.name, host);
     section.getAttribute(key::VELARTO_PORT.name, ports);
     if (host.IsEmpty()) return;
+    if (AddressFamily(host.GetTextEx()) == AF_INET6) {
+        const CText address(host);
+        host.Format("[%s]", address.GetTextEx());
+    }
     for (std::uint32_t i = 0; i < ports.getValueListElementCount(); ++i) {
         CText port;
         ports.getValueListElement(i, port);
@@ -84,8 +133,12 @@ ServerEntry::ServerEntry(const char* text) {
     if (text == nullptr) text = "";
     const auto fields = 1 + static_cast<std::size_t>(std::count(text, text + std::strlen(text), ','));
     const char* rest = text;
-    const bool isSidFine = fields < 3 || takeField(kSid, rest, ",");
-    if (fields != 2 && fields != 3) {
+    const char* last = fields == 2 ? std::strchr(text, ',') + 1 : text;
+    const bool isPath = fields <= 2 && *last == '/';
+    const bool isSidFine = fields < (isPath ? 2 : 3) || takeField(kSid, rest, ",");
+    if (isPath) {
+        if (isSidFine) takeField(kPath, rest, "");
+    } else if (fields != 2 && fields != 3) {
         setFault(*text == 0 ? EntryFault::kEmpty : EntryFault::kFieldCount, kSid, fields);
     } else if (isSidFine && takeField(kHost, rest, ",")) {
         const bool isThird = fields == 3;  // blanks around it do not count
@@ -95,7 +148,7 @@ ServerEntry::ServerEntry(const char* text) {
 }
 
 bool ServerEntry::takeField(std::size_t field, const char*& from, const char* ends) {
-    char* const fields[kFields] = {sid_, host_, port_};
+    char* const fields[kFields] = {sid_, host_, port_, host_};
     const std::size_t length = std::strcspn(from, ends);
     if (length == 0) {
         setFault(EntryFault::kEmptyField, field, 0);
@@ -114,9 +167,26 @@ void ServerEntry::judgeFields() {
         setFault(EntryFault::kEmptyField, isBlank(host_) ? kHost : kPort, 0);
     } else if (std::strpbrk(host_, kBlanks) != nullptr) {
         setFault(EntryFault::kBlankInHost, kHost, 0);
+    } else if (AddressFamily(host_) == AF_UNIX) {
+        setFault(EntryFault::kPortOfPath, kPort, 0);
+        host_[0] = 0;
+    } else if (!takeBracketsOff()) {
+        setFault(EntryFault::kNoAddress, kHost, 0);
     } else if (!isPortNumber(port_)) {
         setFault(EntryFault::kPortNumber, kPort, 0);
     }
+}
+
+// False when what stands in them, or has a colon in it, is no IPv6 address.
+bool ServerEntry::takeBracketsOff() {
+    if (std::strpbrk(host_, "[]:") == nullptr) return true;
+    const std::size_t length = std::strlen(host_);
+    char bare[kHostSize] = {};
+    const bool isInBrackets = host_[0] == '[' && host_[length - 1] == ']';
+    std::memcpy(bare, host_ + (isInBrackets ? 1 : 0), length - (isInBrackets ? 2 : 0));
+    if (AddressFamily(bare) != AF_INET6) return false;
+    std::memcpy(host_, bare, sizeof bare);
+    return true;
 }
 
 void ServerEntry::setFault(EntryFault fault, std::size_t field, std::size_t number) {
@@ -128,6 +198,11 @@ void ServerEntry::setFault(EntryFault fault, std::size_t field, std::size_t numb
 bool ServerEntry::isTakenApart() const {
     return fault_ != EntryFault::kEmpty && fault_ != EntryFault::kFieldCount &&
            fault_ != EntryFault::kLongField;
+}
+
+bool ServerEntry::isBeyondIPv4() const {
+    const int family = AddressFamily(host_);
+    return family == AF_INET6 || family == AF_UNIX;
 }
 
 CText& ServerEntry::describeFault(CText& out) const {
@@ -152,6 +227,12 @@ CText& ServerEntry::describeFault(CText& out) const {
         case EntryFault::kBlankInHost:
             out = "the host has a blank in it";
             break;
+        case EntryFault::kNoAddress:
+            out.Format("%s is no IPv6 address", host_);
+            break;
+        case EntryFault::kPortOfPath:
+            out = "the path of a unix socket has no port";
+            break;
         case EntryFault::kPortNumber:
             out.Format("the port %s is not between 1 and %u", port_, kHighestPort);
             break;
@@ -162,17 +243,29 @@ CText& ServerEntry::describeFault(CText& out) const {
 // ---- the list ----
 
 ServerList::ServerList(Stanza& section) {
-    section.getAttribute(key::VELARTO_SERVER.name, list_);
-    CText& list = list_.value();
-    if (list.IsEmpty()) {
-        listFromHostAndPorts(section, list);
-    } else if (isColonInsideEntries(list)) {
-        swapColonsAndCommas(list);
+    section.getValue(key::VELARTO_SERVER.name, list_);
+    if (list_.IsEmpty()) {
+        listFromHostAndPorts(section, list_);
+    } else if (isColonInsideEntries(list_)) {
+        swapColonsAndCommas(list_);
     }
 }
 
+std::uint32_t ServerList::size() const {
+    if (list_.IsEmpty()) return 0;
+    std::uint32_t count = 1;
+    for (const char* entry = list_.GetTextEx(); *(entry += entryLength(entry)) != 0; ++entry)
+        ++count;
+    return count;
+}
+
 CText& ServerList::getEntry(std::uint32_t i, CText& out) const {
+    const char* entry = list_.GetTextEx();
+    for (; i > 0 && *entry != 0; --i) {
+        entry += entryLength(entry);
+        if (*entry != 0) ++entry;
+    }
     out.Clear();
-    list_.getValueListElement(i, out);
+    if (*entry != 0) out.SetEqualTo(entry, static_cast<std::uint32_t>(entryLength(entry)), 0);
     return out;
 }

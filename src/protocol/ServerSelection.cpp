@@ -10,8 +10,9 @@
 namespace {
 
 bool isUsers(const char* text, const ServerWishes& wishes) {
-    if (!wishes.usersAddress.IsEmpty()) return std::strstr(text, wishes.usersAddress.GetTextEx()) != nullptr;
     const ServerEntry entry(text);
+    if (!wishes.usersAddress.IsEmpty())
+        return std::strstr(text, wishes.usersAddress.GetTextEx()) != nullptr && !entry.isBeyondIPv4();
     return entry.isTakenApart() && strcasecmp(entry.sid(), wishes.usersSid.GetTextEx()) == 0;
 }
 

@@ -14,7 +14,7 @@ enum class ServerChoice { kNone, kOnly, kForced, kUsers, kRandom };
 struct ServerWishes {
     CText forcedSid;     // this server and no other; letter case counts
     CText usersSid;      // the user's server; letter case does not count
-    CText usersAddress;  // the same by "address,port", which its entry contains
+    CText usersAddress;  // the same by an IPv4 "address,port", which its entry contains
 };
 
 // The turns of a request, in their order. A forced server has the only one: the first entry of its SID, else the last

@@ -8,11 +8,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/AddressFamily.h"
 #include "protocol/ServerState.h"
 
 namespace {
 
 constexpr std::uint32_t kLargestTransfer = 0x40000000;  // bytes; a count of them is a positive int
+constexpr std::uint32_t kLongestIPv4 = 15;              // characters
 
 std::uint16_t portNumber(const char* text) {
     return text == nullptr ? std::uint16_t{0} : static_cast<std::uint16_t>(std::strtol(text, nullptr, 10));
@@ -27,14 +29,15 @@ SocCGIQuilClient::SocCGIQuilClient() {
 bool SocCGIQuilClient::connectToServer(const char* host, const char* port) {
     CText address;
     const char* addressText = Socket::castToIP(host, address, false);
-    if (addressText == nullptr || address.IsEmpty() || address.Length() >= kAddressSize)
+    const int family = addressText != nullptr ? AddressFamily(addressText) : AF_UNSPEC;
+    if (family == AF_UNSPEC || (family == AF_INET && address.Length() > kLongestIPv4))
         return failConnection(ServerState::kNoSuchHost, "no such host");
-    if (!socket_.CreateSocket(AF_INET, nullptr, nullptr)) {
+    if (!socket_.CreateSocket(family, nullptr, nullptr)) {
         const int cause = socket_.GetLastError();
         return failConnection(cause, std::strerror(cause));
     }
 
-    sockaddr_in peer{};
+    sockaddr_storage peer{};
     socklen_t peerSize = sizeof peer;
     if (!socket_.Connect(addressText, portNumber(port), settings().connectTimeout) ||
         getpeername(socket_.GetDescriptor(), reinterpret_cast<sockaddr*>(&peer), &peerSize) != 0) {
@@ -42,8 +45,14 @@ bool SocCGIQuilClient::connectToServer(const char* host, const char* port) {
     }
     ahead_.Clear();
     aheadPosition_ = 0;
-    setServer(addressText, port, ntohl(peer.sin_addr.s_addr), ntohs(peer.sin_port));
+    noteServer(addressText, port, peer);
     return true;
+}
+
+void SocCGIQuilClient::noteServer(const char* addressText, const char* port, const sockaddr_storage& peer) {
+    if (peer.ss_family != AF_INET) return setServerBeyondIPv4(addressText, port);
+    const auto& address = reinterpret_cast<const sockaddr_in&>(peer);
+    setServer(addressText, port, ntohl(address.sin_addr.s_addr), ntohs(address.sin_port));
 }
 
 // The socket goes, and its time-out with it, unless the section wants to keep that. Always false.

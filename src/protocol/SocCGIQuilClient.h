@@ -1,4 +1,4 @@
-// SocCGIQuilClient: the protocol client over one TCP connection.
+// SocCGIQuilClient: the protocol client over one connection, TCP or unix.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +25,7 @@ class SocCGIQuilClient : public QuilClient {
     // connection attempt sets it back to the default.
     std::uint32_t SetReadWriteTimeout(std::uint32_t milliseconds) override;
 
-    // A dotted address or a name, and a decimal port. The connection must stand within the section's
+    // An address or a name, and a decimal port; or a path. The connection must stand within the section's
     // CONNECTTIMEOUT, 1000 ms without one.
     bool connectToServer(const char* host, const char* port) override;
     using QuilClient::connectToServer;
@@ -38,6 +38,7 @@ class SocCGIQuilClient : public QuilClient {
     // call.
     static constexpr std::uint32_t kReadAhead = 65536;
 
+    void noteServer(const char* addressText, const char* port, const sockaddr_storage& peer);
     bool dropSocket();
     int causeOfFailure() const;
     std::uint32_t receive(void* dst, std::uint32_t len);
