@@ -1,8 +1,10 @@
 // Socket against real peers: pairs of sockets, a listener that is full.
 #include "net/Socket.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 
@@ -11,7 +13,10 @@
 #include <csignal>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
+#include "net/AddressTurns.h"
 #include "protocol/SocCGIQuilClient.h"
 #include "support/TempDir.h"
 
@@ -22,6 +27,30 @@ extern "C" int poll(pollfd* entries, nfds_t count, int milliseconds) {
     lastWait = milliseconds;
     const timespec limit = {milliseconds / 1000, milliseconds % 1000 * 1000000L};
     return ppoll(entries, count, milliseconds < 0 ? nullptr : &limit, nullptr);
+}
+
+// The addresses of every name; the order is this list's.
+static std::vector<std::string> addressesOfNames;
+
+extern "C" int getaddrinfo(const char*, const char*, const addrinfo*, addrinfo** found) {
+    *found = nullptr;
+    for (auto text = addressesOfNames.rbegin(); text != addressesOfNames.rend(); ++text) {
+        auto* address = new sockaddr_in6{};
+        auto* generic = reinterpret_cast<sockaddr*>(address);
+        const bool isSix = inet_pton(AF_INET6, text->c_str(), &address->sin6_addr) == 1;
+        generic->sa_family = isSix ? AF_INET6 : AF_INET;
+        if (!isSix) inet_pton(AF_INET, text->c_str(), &reinterpret_cast<sockaddr_in*>(address)->sin_addr);
+        *found =
+            new addrinfo{0, generic->sa_family, SOCK_STREAM, 0, sizeof *address, generic, nullptr, *found};
+    }
+    return *found != nullptr ? 0 : EAI_NONAME;
+}
+
+extern "C" void freeaddrinfo(addrinfo* list) noexcept {
+    while (list != nullptr) {
+        delete reinterpret_cast<sockaddr_in6*>(list->ai_addr);
+        delete std::exchange(list, list->ai_next);
+    }
 }
 
 namespace {
@@ -125,6 +154,51 @@ TEST(Socket, WaitsForRoomInTheQueueOfAPath) {
     EXPECT_TRUE(second.IsActive());
     EXPECT_NE(fcntl(second.GetDescriptor(), F_GETFL) & O_NONBLOCK, 0);
     taker.join();
+}
+
+TEST(AddressTurns, EachAddressHasItsShareOfTheTime) {
+    CText list, address;
+    std::uint32_t milliseconds = 0;
+    addressesOfNames = {"2001:db8::5", "192.0.2.1", "2001:db8::6"};
+    AddressTurns turns(ListAddresses("name", true, list), 900);
+    for (std::size_t i = 0; i < addressesOfNames.size(); ++i) {
+        ASSERT_TRUE(turns.next(address, milliseconds));
+        EXPECT_EQ(address.GetTextEx(), addressesOfNames[i]);
+        EXPECT_LE(milliseconds, 900 / (addressesOfNames.size() - i));
+        if (i == 0) {
+            EXPECT_EQ(milliseconds, 300u);
+        }
+    }
+    EXPECT_FALSE(turns.next(address, milliseconds));
+    for (const char* itself : {"192.0.2.1", "::1", "/run/app.sock"}) {
+        AddressTurns only(ListAddresses(itself, true, list), 900);
+        ASSERT_TRUE(only.next(address, milliseconds));
+        EXPECT_EQ(address.GetTextEx(), std::string(itself));
+        EXPECT_EQ(milliseconds, 900u);
+    }
+    for (const char* nobody : {"", static_cast<const char*>(nullptr)})
+        EXPECT_TRUE(ListAddresses(nobody, true, list).IsEmpty());
+}
+
+TEST(SocCGIQuilClient, TriesAllAddressesOfANameWhereTheSectionSaysSo) {
+    Socket listener;
+    sockaddr_in own{};
+    socklen_t length = sizeof own;
+    ASSERT_TRUE(listener.CreateSocket(AF_INET, "127.0.0.1", nullptr));
+    ASSERT_EQ(listen(listener.GetDescriptor(), 1), 0);
+    getsockname(listener.GetDescriptor(), reinterpret_cast<sockaddr*>(&own), &length);
+    addressesOfNames = {"::1", "127.0.0.2", "127.0.0.1"};  // nobody listens on the first two
+    const std::string server = "no-such-name.invalid," + std::to_string(ntohs(own.sin_port));
+    for (const bool all : {false, true}) {
+        Stanza section("shop");
+        section.addValue("VELARTO_SERVER", server.c_str());
+        section.addValue("ALLADDRESSES", all ? "yes" : "no");
+        SocCGIQuilClient client;
+        TQuilRequest request;
+        EXPECT_EQ(client.ConnectToQuilServer(&request, &section, "shop", true), all);
+        EXPECT_EQ(client.serverIP(), std::string(all ? "127.0.0.1" : ""));
+    }
+    addressesOfNames.clear();
 }
 
 TEST(Socket, TransfersWaitAtMostTheTimeOutWhateverSignalsCome) {

@@ -54,6 +54,8 @@ inline constexpr ClientKey ANSWERTIMEOUT{
     "ANSWERTIMEOUT", KeyKind::kNumber, "", "how long the answer's first byte may take", "seconds", 1, 3600};
 inline constexpr ClientKey REQUESTTIMEOUT{
     "REQUESTTIMEOUT", KeyKind::kNumber, "300", "how long the whole request may take", "seconds", 1, 3600};
+inline constexpr ClientKey ALLADDRESSES{"ALLADDRESSES", KeyKind::kTruth, "no",
+                                        "try each address of a host's name, IPv4 and IPv6"};
 inline constexpr ClientKey SERVERCHOICE{
     "SERVERCHOICE", KeyKind::kWord, "", "order of the servers, but for the user's own", "", 0, 0, "random"};
 inline constexpr ClientKey SERVERRETRY{
@@ -99,13 +101,33 @@ inline constexpr ClientKey REPORTCLIENTERROR{"REPORTCLIENTERROR", KeyKind::kTrut
 
 // All of them, in the order in which people are shown them.
 inline constexpr const ClientKey* kClientKeys[] = {
-    &key::VELARTO_SERVER, &key::VELARTO_HOST,      &key::VELARTO_PORT,   &key::CLIENTIOTIMEOUT,
-    &key::KEEPIOTIMEOUT,  &key::CONNECTTIMEOUT,    &key::ANSWERTIMEOUT,  &key::REQUESTTIMEOUT,
-    &key::SERVERCHOICE,   &key::SERVERRETRY,       &key::STATEPATH,      &key::FORCE_SERVER_ARG_NAME,
-    &key::OWNCOOKIES,     &key::PARSEFILEPATHS,    &key::FILEROOT,       &key::FILELIMIT,
-    &key::CLIENTLOG,      &key::HTTPSTATUS,        &key::ERRORPAGE,      &key::BROKENANSWER,
-    &key::NEEDLENGTH,     &key::DOCUMENTPATH,      &key::REGISTER_EXTNS, &key::SENDFULLHEADER,
-    &key::ERROR_HTML,     &key::REPORTCLIENTERROR,
+    &key::VELARTO_SERVER,
+    &key::VELARTO_HOST,
+    &key::VELARTO_PORT,
+    &key::CLIENTIOTIMEOUT,
+    &key::KEEPIOTIMEOUT,
+    &key::CONNECTTIMEOUT,
+    &key::ANSWERTIMEOUT,
+    &key::REQUESTTIMEOUT,
+    &key::ALLADDRESSES,
+    &key::SERVERCHOICE,
+    &key::SERVERRETRY,
+    &key::STATEPATH,
+    &key::FORCE_SERVER_ARG_NAME,
+    &key::OWNCOOKIES,
+    &key::PARSEFILEPATHS,
+    &key::FILEROOT,
+    &key::FILELIMIT,
+    &key::CLIENTLOG,
+    &key::HTTPSTATUS,
+    &key::ERRORPAGE,
+    &key::BROKENANSWER,
+    &key::NEEDLENGTH,
+    &key::DOCUMENTPATH,
+    &key::REGISTER_EXTNS,
+    &key::SENDFULLHEADER,
+    &key::ERROR_HTML,
+    &key::REPORTCLIENTERROR,
 };
 
 // A truth value is true when it begins with one of these.

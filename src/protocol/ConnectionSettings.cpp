@@ -6,6 +6,7 @@ ConnectionSettings::ConnectionSettings(Stanza& section, const CText& clientName)
     : answerTimeout(NumberValue(section, key::ANSWERTIMEOUT) * 1000),
       keepsReadWriteTimeout(IsTrueValue(section, key::KEEPIOTIMEOUT)),
       choosesAtRandom(IsWordValue(section, key::SERVERCHOICE, "random")),
+      triesAllAddresses(IsTrueValue(section, key::ALLADDRESSES)),
       takesOwnCookiesOut(IsTrueValue(section, key::OWNCOOKIES)) {
     const std::uint32_t milliseconds = NumberValue(section, key::CONNECTTIMEOUT);
     if (milliseconds != 0) connectTimeout = milliseconds;

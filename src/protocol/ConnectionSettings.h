@@ -13,6 +13,7 @@ struct ConnectionSettings {
         0;  // milliseconds up to the answer's first byte; 0: as for any; ANSWERTIMEOUT
     bool keepsReadWriteTimeout = false;  // after a failed attempt; KEEPIOTIMEOUT
     bool choosesAtRandom = false;        // instead of by the second; SERVERCHOICE=random
+    bool triesAllAddresses = false;      // of a host's name, of both families; ALLADDRESSES
     bool takesOwnCookiesOut = false;     // those of the gateway's names that browsers send; OWNCOOKIES
     std::uint32_t retryAfter = 0;        // milliseconds that a server is left out; 0: never; SERVERRETRY
     CText statePath;                     // STATEPATH; empty without retryAfter

@@ -63,14 +63,10 @@ void swapColonsAndCommas(CText& list) {
     }
 }
 
-// Whether something stands between two colons, so that the text is not two entries with nothing or an empty one between.
-bool hasGroupBetweenColons(const char* address) {
-    for (const char* colon = std::strchr(address, ':'); colon != nullptr;) {
-        const char* next = std::strchr(colon + 1, ':');
-        if (next != nullptr && next != colon + 1) return true;
-        colon = next;
-    }
-    return false;
+// Whether the address, with a SID before it, could also be a port, an empty entry and a host: "a,1::b,2" are two servers.
+bool canBePortAndHost(const char* address) {
+    const char* colons = address + std::strspn(address, "0123456789");
+    return colons != address && std::strncmp(colons, "::", 2) == 0 && std::strchr(colons + 2, ':') == nullptr;
 }
 
 // The length of an entry with an IPv6 address at the beginning of a list; 0 when none is there.
@@ -87,7 +83,7 @@ std::size_t lengthWithIPv6(const char* list) {
     char address[INET6_ADDRSTRLEN] = {};
     if (length >= sizeof address) return 0;
     std::memcpy(address, begin, length);
-    if (AddressFamily(address) != AF_INET6 || (!isInBrackets && !hasGroupBetweenColons(address))) return 0;
+    if (AddressFamily(address) != AF_INET6 || (!isInBrackets && canBePortAndHost(address))) return 0;
 
     const char* comma = begin + length;
     if (isInBrackets && *comma++ != ']') return 0;

@@ -67,8 +67,8 @@ class ServerEntry {
 // with ","); without it, each port of VELARTO_PORT on VELARTO_HOST. The section stays as it is.
 //
 // Every ":" ends an entry but those of an IPv6 address, which stands in the host's place of a whole entry: in brackets, or
-// without them behind a SID when something stands between two of its colons. Anything else could be another list, such as
-// "a,1::b,2", two servers and an empty entry.
+// without them behind a SID, unless it has the form of "1::b", because "a,1::b,2" has always been two servers and an empty
+// entry.
 class ServerList {
   public:
     explicit ServerList(Stanza& section);

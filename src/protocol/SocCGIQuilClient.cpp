@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "net/AddressTurns.h"
 #include "platform/AddressFamily.h"
 #include "protocol/ServerState.h"
 
@@ -27,11 +28,26 @@ SocCGIQuilClient::SocCGIQuilClient() {
 }
 
 bool SocCGIQuilClient::connectToServer(const char* host, const char* port) {
-    CText address;
-    const char* addressText = Socket::castToIP(host, address, false);
-    const int family = addressText != nullptr ? AddressFamily(addressText) : AF_UNSPEC;
+    CText addresses, address;
+    AddressTurns turns(ListAddresses(host, settings().triesAllAddresses, addresses),
+                       settings().connectTimeout);
+    std::uint32_t milliseconds = 0;
+    if (!turns.next(address, milliseconds)) return failToFindHost();
+    do {
+        if (connectToAddress(address, port, milliseconds)) return true;
+    } while (turns.next(address, milliseconds));
+    return false;
+}
+
+bool SocCGIQuilClient::failToFindHost() {
+    return failConnection(ServerState::kNoSuchHost, "no such host");
+}
+
+bool SocCGIQuilClient::connectToAddress(const CText& address, const char* port, std::uint32_t milliseconds) {
+    const char* addressText = address.GetTextEx();
+    const int family = AddressFamily(addressText);
     if (family == AF_UNSPEC || (family == AF_INET && address.Length() > kLongestIPv4))
-        return failConnection(ServerState::kNoSuchHost, "no such host");
+        return failToFindHost();
     if (!socket_.CreateSocket(family, nullptr, nullptr)) {
         const int cause = socket_.GetLastError();
         return failConnection(cause, std::strerror(cause));
@@ -39,7 +55,7 @@ bool SocCGIQuilClient::connectToServer(const char* host, const char* port) {
 
     sockaddr_storage peer{};
     socklen_t peerSize = sizeof peer;
-    if (!socket_.Connect(addressText, portNumber(port), settings().connectTimeout) ||
+    if (!socket_.Connect(addressText, portNumber(port), milliseconds) ||
         getpeername(socket_.GetDescriptor(), reinterpret_cast<sockaddr*>(&peer), &peerSize) != 0) {
         return dropSocket();
     }

@@ -25,8 +25,8 @@ class SocCGIQuilClient : public QuilClient {
     // connection attempt sets it back to the default.
     std::uint32_t SetReadWriteTimeout(std::uint32_t milliseconds) override;
 
-    // An address or a name, and a decimal port; or a path. The connection must stand within the section's
-    // CONNECTTIMEOUT, 1000 ms without one.
+    // An address or a name, and a decimal port; or a path. Where the section has ALLADDRESSES each address of a name is
+    // tried in turn. The connection must stand within the section's CONNECTTIMEOUT, 1000 ms without one.
     bool connectToServer(const char* host, const char* port) override;
     using QuilClient::connectToServer;
 
@@ -38,6 +38,8 @@ class SocCGIQuilClient : public QuilClient {
     // call.
     static constexpr std::uint32_t kReadAhead = 65536;
 
+    bool connectToAddress(const CText& address, const char* port, std::uint32_t milliseconds);
+    bool failToFindHost();
     void noteServer(const char* addressText, const char* port, const sockaddr_storage& peer);
     bool dropSocket();
     int causeOfFailure() const;
