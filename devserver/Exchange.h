@@ -9,15 +9,12 @@
 #include "Request.h"
 #include "Response.h"
 
-// The server as its clients see it: the address that the connection came in on.
+// The server as its clients see it.
 struct Identity {
-    std::string address;  // dotted
-    std::uint16_t port = 0;
-    std::string sid;  // may be empty
+    std::string endpoint;  // that the connection came in on: ADDRESS:PORT or unix:PATH
+    std::string sid;       // may be empty
 
-    std::string text() const {
-        return address + ":" + std::to_string(port) + (sid.empty() ? "" : " (" + sid + ")");
-    }
+    std::string text() const { return endpoint + (sid.empty() ? "" : " (" + sid + ")"); }
 };
 
 struct Exchange {

@@ -9,6 +9,7 @@
 #include "Pages.h"
 #include "client/Velarto.h"
 #include "common/Completion.h"
+#include "common/EndpointOption.h"
 #include "common/Text.h"
 
 namespace {
@@ -18,20 +19,6 @@ constexpr std::uint32_t kSidLength = 4;
 constexpr std::uint32_t kMaxTimeout = 24 * 60 * 60;
 constexpr std::uint32_t kMaxConnections = 4096;
 constexpr std::uint32_t kMaxPieceSize = 16 * 1024 * 1024;
-
-// ADDRESS:PORT into its two halves; the text of what is wrong, or an empty one.
-std::string splitEndpoint(const std::string& text, Options& options) {
-    const std::size_t colon = text.rfind(':');
-    if (colon == std::string::npos || colon == 0) return "wants ADDRESS:PORT, not " + text;
-    const std::string portText = text.substr(colon + 1);
-    const auto port = parseNumber(portText);
-    if (!port || *port > std::numeric_limits<std::uint16_t>::max()) {
-        return "wants a port from 0 to 65535, not " + portText;
-    }
-    options.host = text.substr(0, colon);
-    options.port = static_cast<std::uint16_t>(*port);
-    return {};
-}
 
 std::string checkSid(const std::string& sid) {
     const bool fits = sid.size() == kSidLength && std::all_of(sid.begin(), sid.end(), [](unsigned char c) {
@@ -67,10 +54,9 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
     app.get_formatter()->column_width(34);
     app.footer(helpEnd);
 
-    std::string endpoint;
-    app.add_option("--listen", endpoint, "where to listen; port 0 picks a free one (default 127.0.0.1:18155)")
-        ->type_name("ADDRESS:PORT")
-        ->check([&options](const std::string& text) { return splitEndpoint(text, options); });
+    addEndpoint(app, "--listen", options.listen,
+                "where to listen: HOST:PORT, [ADDRESS]:PORT or unix:PATH; port 0 picks a free one (default "
+                "127.0.0.1:18155)");
     app.add_option("--sid", options.sid,
                    "server identifier, 4 letters or digits: user references carry it instead of the address")
         ->type_name("NAME")

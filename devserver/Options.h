@@ -5,10 +5,11 @@
 #include <optional>
 #include <string>
 
+#include "common/Endpoint.h"
+
 struct Options {
-    std::string host = "127.0.0.1";  // dotted address or name to listen on
-    std::uint16_t port = 18155;      // 0: one that the system picks
-    std::string sid;                 // 4 characters that name this server in user references; may be empty
+    Endpoint listen{"", "127.0.0.1", 18155};
+    std::string sid;  // 4 characters that name this server in user references; may be empty
     std::uint32_t maxBody = 1024u * 1024 * 1024;  // bytes of a request body or a document
     std::uint32_t timeout = 300;                  // seconds that a client may stay silent
     std::uint32_t connections = 256;              // conversations at once

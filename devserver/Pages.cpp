@@ -143,13 +143,15 @@ void echo(Exchange& exchange) {
     exchange.response.send(std::move(header), exchange.request.body);
 }
 
-// Where the user's next requests belong (the SID, or address and port), then 24 characters for the user.
+// Where the user's next requests belong (the SID, or address and port), then 24 characters for the user. Empty when
+// nothing can name this server: it has neither an SID nor an IPv4 address.
 std::string newUserReference(const Identity& server) {
     std::string reference = server.sid;
     if (reference.empty()) {
-        std::uint32_t octets[4] = {};
-        std::sscanf(server.address.c_str(), "%u.%u.%u.%u", &octets[0], &octets[1], &octets[2], &octets[3]);
-        reference = format("%02X%02X%02X%02X%04X", octets[0], octets[1], octets[2], octets[3], server.port);
+        std::uint32_t o[4] = {}, port = 0;
+        if (std::sscanf(server.endpoint.c_str(), "%u.%u.%u.%u:%u", &o[0], &o[1], &o[2], &o[3], &port) != 5)
+            return "";
+        reference = format("%02X%02X%02X%02X%04X", o[0], o[1], o[2], o[3], port);
     }
     std::random_device random;
     for (int word = 0; word < 3; ++word)
@@ -159,6 +161,12 @@ std::string newUserReference(const Identity& server) {
 
 void login(Exchange& exchange) {
     const std::string reference = newUserReference(exchange.server);
+    if (reference.empty()) {
+        showHtml(exchange, ResponseHeader(), "Not logged in",
+                 paragraph("A reference could not lead you back to " + exchange.server.endpoint +
+                           ": start the server with --sid."));
+        return;
+    }
     ResponseHeader header;
     header.fields.emplace_back(
         "Set-Cookie", std::string(kUserReference) + "=" + reference + "; Path=/; HttpOnly; SameSite=Lax");

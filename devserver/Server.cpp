@@ -1,6 +1,6 @@
 #include "Server.h"
 
-#include <arpa/inet.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -19,43 +19,11 @@ namespace {
 constexpr std::chrono::seconds kFarewell(2);
 constexpr std::chrono::milliseconds kRetry(100);
 
-std::string dotted(const in_addr& address) {
-    char text[INET_ADDRSTRLEN] = "";
-    ::inet_ntop(AF_INET, &address, text, sizeof text);
-    return text;
-}
-
-std::string endpointOf(const sockaddr_in& address) {
-    return dotted(address.sin_addr) + ":" + std::to_string(ntohs(address.sin_port));
-}
-
-sockaddr_in ownAddress(const Socket& socket) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    ::getsockname(socket.GetDescriptor(), reinterpret_cast<sockaddr*>(&address), &length);
-    return address;
-}
-
-[[noreturn]] void failToListen(const Options& options, const std::string& reason) {
-    throw std::runtime_error(
-        format("cannot listen on %s:%u: %s", options.host.c_str(), options.port, reason.c_str()));
-}
-
 }  // namespace
 
-Server::Server(const Options& options) : options_(options) {
-    CText address;
-    if (Socket::castToIP(options.host.c_str(), address, false) == nullptr) {
-        failToListen(options, "no IPv4 address is known for that name");
-    }
-    const std::string port = std::to_string(options.port);
-    if (!listener_.CreateSocket(AF_INET, address.GetTextEx(), port.c_str())) {
-        failToListen(options, std::strerror(listener_.GetLastError()));
-    }
-    // The workers wait in accept() itself.
-    if (listener_.setNonBlocking(false) < 0 || ::listen(listener_.GetDescriptor(), SOMAXCONN) != 0) {
-        failToListen(options, std::strerror(errno));
-    }
+// The workers wait in accept() itself.
+Server::Server(const Options& options) : options_(options), listener_(listenOn(options.listen, false)) {
+    ::fcntl(listener_.get(), F_SETFL, ::fcntl(listener_.get(), F_GETFL) & ~O_NONBLOCK);
 }
 
 Server::~Server() {
@@ -63,7 +31,11 @@ Server::~Server() {
 }
 
 std::string Server::endpoint() const {
-    return endpointOf(ownAddress(listener_));
+    return ownEndpoint(listener_.get());
+}
+
+std::string Server::ownEndpoint(int socket) const {
+    return options_.listen.path.empty() ? addressOf(socket) : options_.listen.text();
 }
 
 void Server::start() {
@@ -75,7 +47,7 @@ void Server::stop() {
     {
         std::unique_lock<std::mutex> lock(mutex_);
         stopping_ = true;
-        ::shutdown(listener_.GetDescriptor(), SHUT_RDWR);  // wakes all who wait in accept()
+        ::shutdown(listener_.get(), SHUT_RDWR);  // wakes all who wait in accept()
         left_.wait_for(lock, kFarewell, [this] { return connections_.empty(); });
         for (const int descriptor : connections_)
             ::shutdown(descriptor, SHUT_RDWR);
@@ -91,16 +63,17 @@ void Server::addWorker() {
 }
 
 void Server::work() {
-    sockaddr_in peer{};
-    for (int descriptor = accept(peer); descriptor >= 0; descriptor = accept(peer))
-        serve(descriptor, peer);
+    sockaddr_storage peer{};
+    socklen_t length = 0;
+    for (int descriptor = accept(peer, length); descriptor >= 0; descriptor = accept(peer, length))
+        serve(descriptor, peer, length);
 }
 
-int Server::accept(sockaddr_in& peer) {
+int Server::accept(sockaddr_storage& peer, socklen_t& length) {
     for (;;) {
-        socklen_t length = sizeof peer;
+        length = sizeof peer;
         const int descriptor =
-            ::accept4(listener_.GetDescriptor(), reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC);
+            ::accept4(listener_.get(), reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC);
         if (descriptor >= 0) return descriptor;
         const int error = errno;
         if (isStopping()) return -1;
@@ -110,10 +83,10 @@ int Server::accept(sockaddr_in& peer) {
     }
 }
 
-void Server::serve(int descriptor, const sockaddr_in& peer) {
+void Server::serve(int descriptor, const sockaddr_storage& peer, socklen_t length) {
     Socket socket(descriptor, reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
     if (!enter(descriptor)) return;
-    const std::string client = endpointOf(peer);
+    const std::string client = textOf(peer, length);
     try {
         converse(socket, client);
     } catch (const HungUp&) {
@@ -131,8 +104,7 @@ void Server::converse(Socket& socket, const std::string& client) {
     Request request;
     if (!conversation.receiveRequest(request)) return;
 
-    const sockaddr_in own = ownAddress(socket);
-    const Identity identity = {dotted(own.sin_addr), ntohs(own.sin_port), options_.sid};
+    const Identity identity = {ownEndpoint(socket.GetDescriptor()), options_.sid};
     Exchange exchange(options_, identity, request, conversation);
     const auto tell = [&] {
         if (options_.verbose) logExchange(client, exchange, std::chrono::steady_clock::now() - start);

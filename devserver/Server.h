@@ -1,7 +1,7 @@
 // Server: listening, connections, threads and the end.
 #pragma once
 
-#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -15,6 +15,7 @@
 #include "Exchange.h"
 #include "Options.h"
 #include "net/Socket.h"
+#include "platform/osfile_impl.h"
 
 // A pool of workers, each of which accepts a connection, holds its conversation and accepts the next. The
 // pool grows while all of them are busy, up to the number of connections asked for; further clients wait in
@@ -27,7 +28,7 @@ class Server {
     Server& operator=(const Server&) = delete;
     ~Server();
 
-    std::string endpoint() const;  // ADDRESS:PORT, the port that was really given
+    std::string endpoint() const;  // with the port that was really given
 
     void start();
     // No new conversations; running ones get a short while to end by themselves, then they are cut off.
@@ -36,9 +37,11 @@ class Server {
   private:
     void addWorker();  // with the lock held
     void work();
-    int accept(sockaddr_in& peer);  // the next connection, or -1: the server ends
-    void serve(int descriptor, const sockaddr_in& peer);
+    int accept(sockaddr_storage& peer,
+               socklen_t& length);  // the next connection, or -1: the server ends
+    void serve(int descriptor, const sockaddr_storage& peer, socklen_t length);
     void converse(Socket& socket, const std::string& client);
+    std::string ownEndpoint(int socket) const;
     static void logExchange(const std::string& client, Exchange& exchange,
                             std::chrono::steady_clock::duration elapsed);
     bool enter(int descriptor);
@@ -46,7 +49,7 @@ class Server {
     bool isStopping();
 
     const Options& options_;
-    Socket listener_;
+    const Descriptor listener_;
 
     std::mutex mutex_;  // guards what follows
     std::condition_variable left_;

@@ -6,6 +6,7 @@
 
 #include "client/Velarto.h"
 #include "common/Completion.h"
+#include "common/EndpointOption.h"
 
 namespace {
 
@@ -26,18 +27,6 @@ constexpr const char* kFooter =
     "Exit status: 0 after SIGTERM or SIGINT, 1 when it cannot start, 2 for a wrong command line, 78 when "
     "clients.ini\n"
     "cannot be used.";
-
-CLI::Option* addEndpoint(CLI::App& app, const char* name, std::optional<Endpoint>& endpoint,
-                         const char* purpose) {
-    const auto take = [&endpoint](const std::string& text) {
-        try {
-            endpoint = Endpoint::parse(text);
-        } catch (const std::invalid_argument& error) {
-            throw CLI::ValidationError(error.what());
-        }
-    };
-    return app.add_option_function<std::string>(name, take, purpose)->type_name("ADDRESS");
-}
 
 }  // namespace
 

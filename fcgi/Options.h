@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "Endpoint.h"
+#include "common/Endpoint.h"
 
 struct Options {
     std::string program;             // as it was started

@@ -37,7 +37,7 @@ bool isListening(int descriptor) {
 // The socket that was asked for, or that the host was given. Afterwards descriptor 0 is never it: libfcgi has uses of
 // its own for that number.
 int takeListener(const Options& options) {
-    if (options.listen) return listenOn(*options.listen);
+    if (options.listen) return listenOn(*options.listen, true);
     const int given = sd_listen_fds(1) > 0 ? SD_LISTEN_FDS_START : STDIN_FILENO;
     if (!isListening(given))
         throw std::runtime_error(
@@ -134,7 +134,7 @@ int serve(const Options& options) {
     const sigset_t signals = blockSignals();
     const unsigned descriptors = boundDescriptors();
     const Descriptor listener(takeListener(options));
-    const int statusListener = options.status ? listenOn(*options.status) : -1;
+    const int statusListener = options.status ? listenOn(*options.status, true) : -1;
     occupyStandardStreams();
     FCGX_Init();
 

@@ -90,6 +90,73 @@ TEST_F(Servers, ExampleServesPagesAndFiles) {
                          {"/file\\..\\outside", "", kMissing}});
 }
 
+bool hasIPv6() {
+    Socket socket;
+    return socket.CreateSocket(AF_INET6, "::1", nullptr);
+}
+
+// The command where the system knows the hosts of this file alone.
+Command knowing(const std::string& hosts, const Command& command) {
+    const std::string script = R"(mount --bind "$0" /etc/hosts && exec -a "$1" "$2" "${@:3}")";
+    Command wrapped = command;
+    wrapped.program = "/usr/bin/unshare";
+    wrapped.arguments = {"unshare", "--mount", "--map-root-user", "/bin/bash", "-c", script, hosts};
+    wrapped.arguments.push_back(command.arguments.front());
+    wrapped.arguments.push_back(command.program);
+    wrapped.arguments.insert(wrapped.arguments.end(), command.arguments.begin() + 1, command.arguments.end());
+    return wrapped;
+}
+
+TEST_F(Servers, AreReachedOverIPv6AndAtAPath) {
+    const DeadPort dead;
+    const std::string file = folder_ / "file.txt";
+    writeFile(file, "a file");
+    for (const bool overIPv6 : {true, false}) {
+        SCOPED_TRACE(overIPv6);
+        if (overIPv6 && !hasIPv6()) continue;
+        const std::string paths[] = {folder_ / "developers", folder_ / "example"};
+        const std::string listen = "[::1]:0";
+        DevServer developers({}, overIPv6 ? listen : "unix:" + paths[0]);
+        AppServer example(kPython, kExample, overIPv6 ? listen : "unix:" + paths[1]);
+        const auto where = [&](const AppServer& server, const std::string& path) {
+            return overIPv6 ? "[::1]," + std::to_string(server.port()) : path;
+        };
+        const std::string developersEntry = where(developers, paths[0]);
+        const std::string other = ":s002," + entry(dead.port());
+        const std::string user = "HTTP_COOKIE=Velarto_UserReference=s001" + std::string(24, '-');
+
+        configure("s001," + developersEntry + other, "CLIENTLOG=stderr,all\n");
+        const Outcome outcome = Process(command({user})).wait(std::chrono::seconds(20));
+        EXPECT_TRUE(contains(outcome.out, ">route</th><td>s001<"));
+        EXPECT_TRUE(contains(outcome.err, "server=\"s001," + developersEntry + "\""));
+        configure("s001," + developersEntry);
+        EXPECT_TRUE(contains(run().out, ">route</th><td><")) << "there is no choice";
+        EXPECT_EQ(run({"PATH_INFO=/echo", "REQUEST_METHOD=POST"}, "body", "nph-shop").out.substr(0, 15),
+                  "HTTP/1.0 200 OK");
+        configure(developersEntry + other);
+        EXPECT_TRUE(contains(run({"PATH_INFO=/login"}).out, "start the server with --sid"));
+        configure(where(example, paths[1]));
+        EXPECT_TRUE(contains(
+            run({"REQUEST_METHOD=GET", "PATH_INFO=/file.txt", "PATH_TRANSLATED=" + file}).out, "a file"));
+    }
+}
+
+TEST_F(Servers, AreReachedByANameOfSeveralAddresses) {
+    const std::string hosts = folder_ / "hosts";
+    writeFile(hosts, "::1 six\n127.0.0.2 both\n::1 both\n");
+    const Outcome trial = support::run(knowing(hosts, commandOf({"/bin/true"})), std::chrono::seconds(20));
+    if (!hasIPv6() || trial.exitStatus != 0) GTEST_SKIP() << "no IPv6, or no name space: " << trial.err;
+    DevServer server({}, "[::1]:0");
+    for (const char* name : {"six", "both"}) {
+        for (const bool all : {false, true}) {
+            configure(std::string(name) + "," + std::to_string(server.port()),
+                      all ? "ALLADDRESSES=yes\n" : "");
+            Process gateway(knowing(hosts, command()));
+            EXPECT_EQ(finish(gateway).exitStatus, all ? 0 : 602 & 0xFF) << name;
+        }
+    }
+}
+
 TEST_F(Servers, LeavePeersThatMisbehave) {
     const std::string page = wire::encode({});
     const auto changed = [&page](std::size_t position, const std::string& bytes) {

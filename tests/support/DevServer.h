@@ -6,6 +6,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <utility>
@@ -25,16 +26,17 @@ inline Command commandOf(std::vector<std::string> line) {
 
 class AppServer {
   public:
-    AppServer(const std::string& program, std::vector<std::string> arguments) {
+    AppServer(const std::string& program, std::vector<std::string> arguments,
+              const std::string& listen = "127.0.0.1:0") {
         arguments.insert(arguments.begin(), program);
-        arguments.push_back("--listen=127.0.0.1:0");
+        arguments.push_back("--listen=" + listen);
         process_ = std::make_unique<Process>(commandOf(std::move(arguments)));
         EXPECT_TRUE(process_->waitForOut("\n", std::chrono::seconds(20))) << process_->err();
         const std::string out = process_->out();
-        port_ = static_cast<std::uint16_t>(std::stoi(out.substr(out.rfind(':') + 1)));
+        port_ = static_cast<std::uint16_t>(std::atoi(out.substr(out.rfind(':') + 1).c_str()));
     }
 
-    std::uint16_t port() const { return port_; }
+    std::uint16_t port() const { return port_; }         // 0 at a unix socket
     std::string out() const { return process_->out(); }  // so far
 
     // Ends it by SIGTERM, whatever is under way; all its complaints.
@@ -51,8 +53,9 @@ class AppServer {
 };
 
 struct DevServer : AppServer {
-    explicit DevServer(const std::vector<std::string>& options = {})
-        : AppServer(VELARTO_DEVSERVER_PATH, options) {}
+    explicit DevServer(const std::vector<std::string>& options = {},
+                       const std::string& listen = "127.0.0.1:0")
+        : AppServer(VELARTO_DEVSERVER_PATH, options, listen) {}
 };
 
 }  // namespace support

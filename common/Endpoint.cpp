@@ -1,4 +1,4 @@
-#include "Endpoint.h"
+#include "common/Endpoint.h"
 
 #include <netdb.h>
 #include <netinet/in.h>
@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -46,9 +47,9 @@ bool bindPath(int descriptor, const std::string& path) {
     return false;
 }
 
-bool bindPort(int descriptor, const addrinfo& address) {
+bool bindPort(int descriptor, const addrinfo& address, bool sharesPort) {
     setOption(descriptor, SOL_SOCKET, SO_REUSEADDR);
-    setOption(descriptor, SOL_SOCKET, SO_REUSEPORT);
+    if (sharesPort) setOption(descriptor, SOL_SOCKET, SO_REUSEPORT);
     return bind(descriptor, address.ai_addr, address.ai_addrlen) == 0 && listen(descriptor, SOMAXCONN) == 0;
 }
 
@@ -56,7 +57,14 @@ int openSocket(int family) {
     return socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
 }
 
-int listenOnPort(const Endpoint& endpoint) {
+const addrinfo& preferred(const addrinfo& found) {
+    const addrinfo* address = &found;
+    while (address != nullptr && address->ai_family != AF_INET)
+        address = address->ai_next;
+    return address != nullptr ? *address : found;
+}
+
+int listenOnPort(const Endpoint& endpoint, bool sharesPort) {
     addrinfo hints{};
     hints.ai_flags = AI_PASSIVE;
     hints.ai_socktype = SOCK_STREAM;
@@ -65,8 +73,9 @@ int listenOnPort(const Endpoint& endpoint) {
     const int error = getaddrinfo(endpoint.host.c_str(), port.c_str(), &hints, &found);
     if (error != 0) fail(endpoint, gai_strerror(error));
     const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> addresses(found, freeaddrinfo);
-    const int descriptor = openSocket(found->ai_family);
-    if (descriptor != -1 && bindPort(descriptor, *found)) return descriptor;
+    const addrinfo& address = preferred(*found);
+    const int descriptor = openSocket(address.ai_family);
+    if (descriptor != -1 && bindPort(descriptor, address, sharesPort)) return descriptor;
     const int cause = errno;
     close(descriptor);
     fail(endpoint, std::strerror(cause));
@@ -110,17 +119,17 @@ std::string Endpoint::text() const {
     return (isAddress6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
 }
 
-int listenOn(const Endpoint& endpoint) {
-    return endpoint.path.empty() ? listenOnPort(endpoint) : listenOnPath(endpoint);
+int listenOn(const Endpoint& endpoint, bool sharesPort) {
+    return endpoint.path.empty() ? listenOnPort(endpoint, sharesPort) : listenOnPath(endpoint);
 }
 
-std::string addressOf(int listener) {
-    sockaddr_storage address{};
-    socklen_t length = sizeof address;
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    if (getsockname(listener, generic, &length) != 0) return "?";
-    if (address.ss_family == AF_UNIX)
-        return kUnix + std::string(reinterpret_cast<const sockaddr_un*>(generic)->sun_path);
+std::string textOf(const sockaddr_storage& address, socklen_t length) {
+    if (address.ss_family == AF_UNIX) {
+        constexpr std::size_t kPath = offsetof(sockaddr_un, sun_path);
+        const char* path = reinterpret_cast<const sockaddr_un&>(address).sun_path;
+        return kUnix + (length > kPath ? std::string(path, strnlen(path, length - kPath)) : "");
+    }
+    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
     char host[NI_MAXHOST];
     char port[NI_MAXSERV];
     if (getnameinfo(generic, length, host, sizeof host, port, sizeof port, NI_NUMERICHOST | NI_NUMERICSERV) !=
@@ -130,4 +139,11 @@ std::string addressOf(int listener) {
     endpoint.host = host;
     endpoint.port = static_cast<std::uint16_t>(std::stoul(port));
     return endpoint.text();
+}
+
+std::string addressOf(int socket) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    if (getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0) return "?";
+    return textOf(address, length);
 }
