@@ -121,3 +121,7 @@ std::string faultOf(const ServerEntry& entry) {
     CText text;
     return entry.describeFault(text).GetTextEx();
 }
+
+std::string endpointOf(const std::string& host, const std::string& port) {
+    return port.empty() ? host : host + "," + port;
+}

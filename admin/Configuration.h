@@ -53,3 +53,6 @@ ServerList serversOf(const OutlineSection& section);
 // wrong).
 std::string textOf(const ServerList& servers, std::uint32_t entry);
 std::string faultOf(const ServerEntry& entry);
+
+// "HOST,PORT", or "PATH", of its parts.
+std::string endpointOf(const std::string& host, const std::string& port);

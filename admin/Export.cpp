@@ -1,4 +1,6 @@
 // velarto-config export: a client's application servers for a program that stands in front of them, HAProxy.
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <iostream>
 #include <memory>
@@ -7,6 +9,7 @@
 #include "Configuration.h"
 #include "common/Text.h"
 #include "config/ClientKeys.h"
+#include "platform/AddressFamily.h"
 
 namespace {
 
@@ -18,7 +21,7 @@ struct Options {
 struct Server {
     std::string name;     // of its own among those of the client
     std::string id;       // that user references carry; empty: none does
-    std::string address;  // HOST:PORT
+    std::string address;  // HOST:PORT, [ADDRESS]:PORT or unix@PATH
 };
 
 // Where gateways connect to.
@@ -34,11 +37,23 @@ constexpr std::uint64_t kHighestPort = 65535;
 
 // HAProxy takes these characters in a name, and none of them means anything to it in an address.
 const std::string& checked(const std::string& text, const char* what) {
-    constexpr char kAllowed[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.-";
-    if (text.empty() || text.find_first_not_of(kAllowed) != std::string::npos)
+    const std::string allowed = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.-";
+    const bool isPath = text[0] == '/';
+    if (text.empty() || text.find_first_not_of(allowed + (isPath ? "/" : "")) != std::string::npos)
         throw Failure("HAProxy takes only letters, digits, '_', '.' and '-' in " + std::string(what) +
                       ", not '" + shown(text) + "'");
     return text;
+}
+
+bool isAddress6(const std::string& host) {
+    return AddressFamily(host.c_str()) == AF_INET6;
+}
+
+// The address as HAProxy takes it.
+std::string addressFor(const ServerEntry& entry) {
+    const std::string host = entry.host();
+    if (AddressFamily(host.c_str()) == AF_UNIX) return "unix@" + checked(host, "a path");
+    return (isAddress6(host) ? "[" + host + "]" : checked(host, "a host")) + ":" + entry.port();
 }
 
 std::vector<Server> serversIn(const OutlineSection& section) {
@@ -50,12 +65,13 @@ std::vector<Server> serversIn(const OutlineSection& section) {
         const ServerEntry entry(text.c_str());
         const std::string fault = faultOf(entry);
         if (!fault.empty()) throw Failure("server '" + shown(text) + "' cannot be used: " + fault);
-        const std::string host = checked(entry.host(), "a host");
         const std::string id = std::string(entry.sid()).size() == kIdLength ? entry.sid() : "";
-        std::string name = id.empty() ? host : checked(id, "an id");
+        std::string name = !id.empty()            ? checked(id, "an id")
+                           : entry.isBeyondIPv4() ? "server"
+                                                  : entry.host();
         const auto hasName = [&name](const Server& server) { return server.name == name; };
         if (std::any_of(servers.begin(), servers.end(), hasName)) name += format("-%u", i + 1);
-        servers.push_back({name, id, host + ":" + entry.port()});
+        servers.push_back({name, id, addressFor(entry)});
     }
     return servers;
 }
@@ -68,7 +84,9 @@ std::vector<Listener> listenersFor(const std::vector<Server>& servers, const Opt
     if (ServerEntry((host + "," + portText).c_str()).fault() != EntryFault::kNone)
         throw Failure("--bind takes ADDRESS:PORT, not '" + shown(options.bind) + "'");
     std::uint64_t port = *parseNumber(portText);
-    std::vector<Listener> listeners = {{options.client, "", checked(host, "an address"), port}};
+    const bool isInBrackets = host.front() == '[';
+    std::vector<Listener> listeners = {
+        {options.client, "", isInBrackets ? host : checked(host, "an address"), port}};
     for (const Server& server : servers) {
         const bool isKnown = std::any_of(listeners.begin(), listeners.end(), [&](const Listener& listener) {
             return sameName(listener.id, server.id);  // which holds for a server without an id, too

@@ -352,12 +352,18 @@ class Inspection {
             const std::string text = textOf(list, i);
             const Place place = placeIn(value, offset);
             offset += text.size() + 1;
-            if (!inspectEntry(text, place, "write it as HOST,PORT or ID,HOST,PORT")) continue;
+            if (!inspectEntry(text, place, "write it as HOST,PORT or ID,HOST,PORT, or PATH or ID,PATH"))
+                continue;
             const ServerEntry entry(text.c_str());
-            const std::string sid = entry.sid(), endpoint = entry.host() + std::string(",") + entry.port();
+            const std::string sid = entry.sid(), endpoint = endpointOf(entry.host(), entry.port());
             if (!seen.insert(endpoint).second)
                 warn(place, "server " + quoted(endpoint) + " is there already", "remove one of the two");
             hasIds = hasIds || !sid.empty();
+            if (sid.empty() && entry.isBeyondIPv4() && list.size() > 1)
+                warn(place,
+                     "server " + quoted(endpoint) +
+                         " has neither an id nor an IPv4 address: no user is kept at it",
+                     "give it an id of 4 letters or digits");
             if (!sid.empty() && sid.size() != 4)
                 warn(place,
                      "id " + quoted(sid) + " has not 4 characters: by it no user is kept at this server",

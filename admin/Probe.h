@@ -6,15 +6,14 @@
 
 #include "Milliseconds.h"
 
-constexpr std::uint32_t kConnectLimit = 1000;  // milliseconds that the gateway gives a connection
-
 struct Probe {
     Milliseconds time;
     std::string fault;  // why there is no connection; empty when there is one
 };
 
-// Ends within the limit, in milliseconds, the look-up of a name included.
-Probe probe(const std::string& host, const std::string& port, std::uint32_t limit);
+// Host and port, or a path and "", as ServerEntry has them. Ends within the limit, in milliseconds, the look-up of a name
+// included. With all it tries each address of a name.
+Probe probe(const std::string& host, const std::string& port, std::uint32_t limit, bool all);
 
 // The fault of a connection that did not stand in time.
 std::string tooLate(std::uint32_t limit);

@@ -2,18 +2,17 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <iostream>
 #include <memory>
 #include <optional>
 
+#include "Absence.h"
 #include "Command.h"
 #include "Configuration.h"
 #include "Probe.h"
 #include "client/ConfigClnt.h"
 #include "common/Text.h"
 #include "protocol/ConnectionSettings.h"
-#include "protocol/ServerState.h"
 
 namespace {
 
@@ -22,7 +21,7 @@ constexpr std::uint32_t kLongestLimit = 60 * 60 * 1000;  // milliseconds
 struct Options {
     std::string client;
     bool probe = false;
-    std::uint32_t timeout = kConnectLimit;
+    std::optional<std::uint32_t> timeout;  // milliseconds; none: the section's
 };
 
 struct Result {
@@ -41,29 +40,21 @@ void showProgress(const std::string& text) {
     if (isWatched) std::cerr << "\r\x1B[K" << text << std::flush;
 }
 
-// What the gateways of this machine know of a server that they leave out.
-std::string absenceOf(const ServerEntry& entry, const ServerState& state) {
-    ServerState::Absence absence{};
-    if (!state.getAbsence(entry, absence)) return "";
-    const char* reason =
-        absence.reason == ServerState::kNoSuchHost ? "no such host" : std::strerror(absence.reason);
-    return format("left out for %.1f s: %s", static_cast<double>(absence.milliseconds) / 1000, reason);
-}
-
 std::vector<Result> resultsOf(const OutlineSection& section, const Options& options) {
     std::vector<Result> results;
     const ServerList servers = serversOf(section);
     Stanza stanza = stanzaOf(section);
     const ConnectionSettings settings(stanza, section.name.text.c_str());
-    ServerState state;
-    if (settings.retryAfter != 0) state.open(settings.statePath.GetTextEx(), ServerState::kRead);
+    const Absences absences(settings);
     for (std::uint32_t i = 0; i < servers.size(); ++i) {
         const std::string text = textOf(servers, i);
         const ServerEntry entry(text.c_str());
-        Result result{text, entry, faultOf(entry), std::nullopt, absenceOf(entry, state)};
+        Result result{text, entry, faultOf(entry), std::nullopt, absences.of(entry)};
         if (options.probe && result.fault.empty()) {
             showProgress(format("probing %u of %u: ", i + 1, servers.size()) + shown(text));
-            result.probe = probe(entry.host(), entry.port(), options.timeout);
+            result.probe =
+                probe(entry.host(), entry.port(), options.timeout.value_or(settings.connectTimeout),
+                      settings.triesAllAddresses);
         }
         results.push_back(std::move(result));
     }
@@ -86,7 +77,8 @@ void printTable(const std::vector<Result>& results) {
     const auto sidOf = [](const Result& result) { return shown(result.entry.sid()); };
     const auto endpointOf = [](const Result& result) {
         const std::string host = result.entry.host();
-        return shown(host.empty() ? result.text : host + " " + result.entry.port());
+        const std::string port = result.entry.port();
+        return shown(host.empty() ? result.text : host + (port.empty() ? "" : " " + port));
     };
     for (const Result& result : results) {
         sidWidth = std::max(sidWidth, widthOf(sidOf(result)));
@@ -145,9 +137,10 @@ void addServers(CLI::App& app, Request& request) {
     CLI::App* command = app.add_subcommand("servers", "List a client's application servers, and try them");
     command->add_option("CLIENT", options->client, "the client")->required();
     command->add_flag("--probe", options->probe, "connect to each, one after the other; nothing is sent");
-    command->add_option("--timeout", options->timeout, "how long a server has to answer")
+    command
+        ->add_option("--timeout", options->timeout,
+                     "how long a server has to answer (default: CONNECTTIMEOUT, else 1000)")
         ->type_name("MS")
-        ->capture_default_str()
         ->check(CLI::Range(std::uint32_t{1}, kLongestLimit).description(""))
         ->needs("--probe");
     command->footer(

@@ -3,6 +3,7 @@
 #include <iostream>
 #include <memory>
 
+#include "Absence.h"
 #include "Command.h"
 #include "Configuration.h"
 #include "TryClient.h"
@@ -131,16 +132,21 @@ void fill(TQuilRequest& record, const TryOptions& options, Steps& steps) {
     steps.note("body", format("%u bytes", size), Json{{"size", size}});
 }
 
-// Tells of those that the gateway cannot use.
+// Tells of those that the gateway cannot use, or leaves out.
 void inspectServers(Stanza& section, const std::string& client, Steps& steps) {
     const ServerList servers(section);
+    const Absences absences(ConnectionSettings(section, client.c_str()));
     if (servers.size() == 0)
         throw Failure("the client '" + shown(client) + "' has no server list (the gateway's error 601)");
     for (std::uint32_t i = 0; i < servers.size(); ++i) {
-        const std::string entry = textOf(servers, i), fault = faultOf(ServerEntry(entry.c_str()));
+        const std::string text = textOf(servers, i);
+        const ServerEntry entry(text.c_str());
+        const std::string fault = faultOf(entry), absence = absences.of(entry);
         if (!fault.empty())
-            steps.note("server", "'" + entry + "' cannot be used: " + fault,
-                       Json{{"entry", entry}, {"fault", fault}});
+            steps.note("server", "'" + text + "' cannot be used: " + fault,
+                       Json{{"entry", text}, {"fault", fault}});
+        if (!absence.empty())
+            steps.note("server", "'" + text + "' is " + absence, Json{{"entry", text}, {"absence", absence}});
     }
 }
 

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iostream>
 
+#include "Configuration.h"
 #include "Probe.h"
 #include "common/Text.h"
 
@@ -12,10 +13,12 @@ namespace {
 constexpr std::uint32_t kReplyFrame = 24;  // bytes of a file reply around the file: six words
 
 // The client does not tell why it failed: a second look does, unless the reason is plain.
-std::string connectionFault(const char* host, const char* port, Milliseconds time) {
+std::string connectionFault(const char* host, const char* port, Milliseconds time,
+                            const ConnectionSettings& settings) {
+    const std::uint32_t limit = settings.connectTimeout;
     if (*host == 0) return "the entry names no host";
-    if (time >= std::chrono::milliseconds(kConnectLimit)) return tooLate(kConnectLimit);
-    const std::string fault = probe(host, port, kConnectLimit).fault;
+    if (time >= std::chrono::milliseconds(limit)) return tooLate(limit);
+    const std::string fault = probe(host, port, limit, settings.triesAllAddresses).fault;
     return fault.empty() ? "the server answered only when it was tried again" : fault;
 }
 
@@ -54,8 +57,8 @@ bool TryClient::connectToServer(const char* host, const char* port) {
     const auto begin = std::chrono::steady_clock::now();
     const bool connected = SocCGIQuilClient::connectToServer(host, port);
     const Milliseconds time = since(begin);
-    const std::string server = std::string(host) + "," + port;
-    const std::string fault = connected ? "" : connectionFault(host, port, time);
+    const std::string server = endpointOf(host, port);
+    const std::string fault = connected ? "" : connectionFault(host, port, time, settings());
 
     Json details{{"host", host}, {"port", port}, {"choice", textOf(choice())}, {"took", time.count()}};
     if (!connected) details["fault"] = fault;

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "common/Reset.h"
+#include "platform/AddressFamily.h"
 
 namespace {
 
@@ -15,7 +16,8 @@ constexpr std::uint32_t kConnectLimit = 1000;  // milliseconds that the gateway 
 }  // namespace
 
 Connection::Connection(const Server& server, int receiveBuffer) {
-    if (!socket_.CreateSocket(AF_INET, nullptr, nullptr)) throw Unreachable(std::strerror(errno));
+    if (!socket_.CreateSocket(AddressFamily(server.address.c_str()), nullptr, nullptr))
+        throw Unreachable(std::strerror(errno));
     if (receiveBuffer != 0) {
         // Before connecting: the server is told then how much may be under way.
         setsockopt(socket_.GetDescriptor(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);

@@ -13,7 +13,7 @@
 using std::chrono::milliseconds;
 
 struct Server {
-    std::string address;  // dotted
+    std::string address;  // or the path of a unix socket
     std::uint16_t port = 0;
     milliseconds timeout{0};  // that each wait for it may take
 };

@@ -17,7 +17,9 @@ constexpr std::uint32_t kMostConnections = 1'000'000;
 std::string faultOfServer(const std::string& text) {
     const ServerEntry entry(text.c_str());
     CText fault;
-    return entry.describeFault(fault).IsEmpty() ? "" : "wants HOST,PORT: " + std::string(fault.GetTextEx());
+    return entry.describeFault(fault).IsEmpty()
+               ? ""
+               : "wants HOST,PORT or PATH: " + std::string(fault.GetTextEx());
 }
 
 std::string faultOfRule(const std::string& id) {
@@ -49,7 +51,7 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
         "be reached.");
 
     app.add_option("SERVER", options.server, "the server, as in clients.ini")
-        ->type_name("HOST,PORT")
+        ->type_name("HOST,PORT|PATH")
         ->check(faultOfServer);
     const auto addPath = [&app](const char* name, std::string& path, const char* purpose) {
         app.add_option(name, path, purpose)->type_name("PATH")->check(faultOfPath);

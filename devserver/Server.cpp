@@ -86,7 +86,8 @@ int Server::accept(sockaddr_storage& peer, socklen_t& length) {
 void Server::serve(int descriptor, const sockaddr_storage& peer, socklen_t length) {
     Socket socket(descriptor, reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
     if (!enter(descriptor)) return;
-    const std::string client = textOf(peer, length);
+    const bool hasAddress = peer.ss_family != AF_UNIX;
+    const std::string client = hasAddress ? textOf(peer, length) : endpoint();
     try {
         converse(socket, client);
     } catch (const HungUp&) {

@@ -82,6 +82,13 @@ TEST_F(Config, CheckTellsTheMistakeItsPlaceAndItsRemedy) {
          "7:16: error: server '" + host +
              ",1' can never be reached: the host has 254 characters; at most 253",
          "HOST,PORT"},
+        {servers + "[10.0.0.2],1",
+         "7:16: error: server '[10.0.0.2],1' can never be reached: [10.0.0.2] is no IPv6 address",
+         "HOST,PORT"},
+        {servers + "/run/a,1", "7:16: error: server '/run/a,1' can never be reached: the path", "ID,PATH"},
+        {servers + "h,1:[::1],1", "7:20: warning: server '::1,1' has neither an id nor an IPv4 address",
+         "an id"},
+        {servers + "s001,/run/a:/run/a", "7:28: warning: server '/run/a' is there already", "one of the two"},
         {servers + "s1,h,1", "7:16: warning: id 's1' has not 4 characters", "4 letters"},
         {servers + "h,1\nFORCE_SERVER_ARG_NAME=srv", "8:1: warning: no server has an id", "ID,HOST,PORT"},
         {next + "[Shop]\nVELARTO_SERVER=h,1\n", "8:2: warning: section [Shop] is there already", "on line 5"},
@@ -314,6 +321,15 @@ TEST_F(Config, ServersTellsWhoAnswers) {
     EXPECT_TRUE(contains(config({"servers", "shop", "--probe", "--json"}).out, "\"answering\": 1"));
     configure(entry(server.port()));
     EXPECT_EQ(config({"servers", "shop", "--probe"}).exitStatus, 0);
+
+    const std::string path = folder_ / "app";
+    const DevServer local({}, "unix:" + path);
+    configure("s001," + path + ":s002," + path + "0:localhost," + std::to_string(server.port()),
+              "ALLADDRESSES=yes\n");
+    EXPECT_EQ(squeezed(config({"servers", "shop", "--probe"}).out),
+              "s001 " + path + " answers after TIME\ns002 " + path +
+                  "0 fails after TIME: No such file or directory\n- localhost " +
+                  std::to_string(server.port()) + " answers after TIME\n2 of 3 servers answer\n");
 }
 
 // What it does with requests is seen in scale/.
@@ -335,6 +351,11 @@ TEST_F(Config, ExportGivesEachIdAListenerThatHaproxyTakes) {
           "    server S001 g:1 check\n    server s002 h:2 track shop-s002/s002 backup\n",
           "    server h h:3 track shop/h backup\n    server h-5 h:4 track shop/h-5 backup\n",
           "    server h h:3 check\n    server h-5 h:4 check\n\nlisten shop-s001"}},
+        {"s001,2001:db8::5,1:/run/app.sock:[::1],2",
+         "s001,127.0.0.1,18156:127.0.0.1,18155",
+         {"    server s001 [2001:db8::5]:1 check\n    server server unix@/run/app.sock track shop/server "
+          "backup\n",
+          "    server server-3 [::1]:2 check\n"}},
     };
     for (const auto& [servers, gateways, lines] : lists) {
         configure(servers);

@@ -29,13 +29,18 @@ std::set<std::string> brokenIn(const std::string& out) {
 }
 
 TEST(Conform, AllRulesHoldForTheDevelopmentServer) {
-    DevServer server;
-    const Outcome outcome = conform(entry(server.port()), {"--echo=/echo", "--login=/login"});
-    EXPECT_EQ(outcome.out.find("TAP version 13\n1..54\nok 1 - whole-request: "), 0u) << outcome.out;
-    EXPECT_FALSE(contains(outcome.out, "# SKIP"));
-    EXPECT_EQ(brokenIn(outcome.out), std::set<std::string>());
-    EXPECT_EQ(outcome.exitStatus, 0);
-    server.end();
+    const TempDir folder;
+    const std::string path = folder / "app";
+    for (const bool isLocal : {false, true}) {
+        DevServer server({"--sid=s001"}, isLocal ? "unix:" + path : "127.0.0.1:0");
+        const Outcome outcome =
+            conform(isLocal ? path : entry(server.port()), {"--echo=/echo", "--login=/login"});
+        EXPECT_EQ(outcome.out.find("TAP version 13\n1..54\nok 1 - whole-request: "), 0u) << outcome.out;
+        EXPECT_FALSE(contains(outcome.out, "# SKIP"));
+        EXPECT_EQ(brokenIn(outcome.out), std::set<std::string>());
+        EXPECT_EQ(outcome.exitStatus, 0);
+        server.end();
+    }
 }
 
 TEST(Conform, ProveReadsWhatHoldsForTheExample) {
@@ -204,7 +209,7 @@ TEST(Conform, SaysWhyItCannotTryAServer) {
     } cases[] = {
         {{entry(dead.port())}, "cannot be reached: Connection refused"},
         {{}, "HOST,PORT is required"},
-        {{"127.0.0.1:18155"}, "wants HOST,PORT: 1 field"},
+        {{"127.0.0.1:18155"}, "wants HOST,PORT or PATH: 1 field"},
         {{"h,1", "--only=foot"}, "there is no rule 'foot'"},
         {{"h,1", "--path=x"}, "a path that begins with /, not x"},
         {{"h,1", "--timeout=0"}, "--timeout: Value 0 not in range"},

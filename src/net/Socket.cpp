@@ -351,7 +351,7 @@ bool Socket::waitInQueue(const sockaddr* peer, std::uint32_t length, std::uint32
             break;
         }
         const int left = deadline.pollTime();
-        const timeval limit{left / 1000, left % 1000 * 1000};
+        const timeval limit{left / 1000, left % 1000 * 1000L};
         setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
         connected = connect(descriptor_, peer, length) == 0;
         lastError_ = connected ? 0 : errno;
