@@ -175,6 +175,8 @@ TEST_F(Gateway, FilesAreSentFromBelowTheirRootsAlone) {
     for (const char* file : {"secret", "docs2/secret", "docs/page"})
         writeFile(folder_ / file, "content");
     writeFile(docs + "/large", "content!");
+    writeFile(docs + "/huge", "");
+    fs::resize_file(docs + "/huge", 800'000'000);
     fs::create_symlink("page", docs + "/inside");
     fs::create_symlink("../secret", docs + "/outside");
     fs::create_symlink(docs + "/page", docs + "/absolute");
@@ -196,6 +198,7 @@ TEST_F(Gateway, FilesAreSentFromBelowTheirRootsAlone) {
         {docs + "/", false},
         {"page", false},
         {docs + "/large", false},
+        {docs + "/huge", false},
         {"/dev/zero", false},
     };
     std::promise<pid_t> started;
@@ -207,6 +210,11 @@ TEST_F(Gateway, FilesAreSentFromBelowTheirRootsAlone) {
             for (const auto& [path, isSent] : files) {
                 connection.send(wire::fileRequest(path));
                 connection.expect(isSent ? wire::fileReply("content") : wire::fileRefused());
+            }
+            fs::rename(docs, docs + "-renamed");
+            for (const std::string& path : {docs + "/page", docs + "-renamed/page"}) {
+                connection.send(wire::fileRequest(path));
+                connection.expect(wire::fileRefused());
             }
             connection.serve(kAnswer);
         },

@@ -259,16 +259,26 @@ TEST_P(Web, ForgedLoginMakesNoUser) {
 TEST_P(Web, FailureHasItsStatusWhereTheSectionWantsIt) {
     const DeadPort dead;
     const DevServer server({"--misbehave"});
-    const std::tuple<std::uint16_t, std::string, int, std::string> failures[] = {
-        {dead.port(), "", 602, " 503 "},
-        {server.port(), "misbehave?how=close-now", 605, " 502 "},
-        {server.port(), "misbehave?how=wait&ms=3000", 605, " 504 "},
+    ScriptedPeer& deaf = serve([](Connection& connection) { connection.receive(100), connection.reset(); });
+    writeFile(folder_ / "large", std::string(10'000'000, 'l'));
+    const Texts upload = {"-H", "Expect:", "--data-binary", "@" + folder_ / "large"};
+    const struct {
+        std::uint16_t port;
+        std::string page;
+        Texts options;
+        int code;
+        std::string status;
+    } failures[] = {
+        {dead.port(), "", {}, 602, " 503 "},
+        {deaf.port(), "", upload, 604, " 502 "},
+        {server.port(), "misbehave?how=close-now", {}, 605, " 502 "},
+        {server.port(), "misbehave?how=wait&ms=3000", {}, 605, " 504 "},
     };
-    for (const auto& [port, page, code, status] : failures) {
+    for (const auto& [port, page, options, code, status] : failures) {
         for (const bool isHonest : {false, true}) {
             const std::string keys = isHonest ? "HTTPSTATUS=yes\nBROKENANSWER=cut\nREQUESTTIMEOUT=60\n" : "";
             configure(entry(port), "CLIENTIOTIMEOUT=1\n" + keys);
-            const std::string answer = get("/cgi-bin/shop/" + page);
+            const std::string answer = get("/cgi-bin/shop/" + page, options);
             EXPECT_EQ(answer.substr(8, 5), isHonest || GetParam().isHost ? status : " 200 ") << page;
             EXPECT_TRUE(contains(answer, "Error Code: " + std::to_string(code)));
         }

@@ -3,9 +3,11 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 
+#include "Server/Common_Classes/MemoryWatch.h"
 #include "eventlog/eventlog_impl.h"
 
 namespace {
@@ -96,14 +98,12 @@ void RequestLog::write(const RequestEnd& end) {
     if (!isOn()) return;
     const bool hasRefused = end.client != nullptr && !end.client->refusedFile().IsEmpty();
     if (!settings_->logsAll && end.code == 0 && !hasRefused && settings_->ignoredKeys.IsEmpty()) return;
-    CText line = lineOf(end);
-    if (line.Length() > kLongestLine) line.SetUsableDataSize(kLongestLine + 1);
+    const CText line = lineOf(end);
     if (settings_->log == LogTarget::kSystemLogger) {
         OpenSystemEventLogEx(client_);
         ReportSystemEventEx(end.code != 0 ? SYS_EVENT_ERROR : SYS_EVENT_INFO, SYS_EVENT_RUNTIME,
                             line.GetTextEx(), nullptr);
     } else if (standardError_ != -1) {
-        line += '\n';
         writeAtOnce(standardError_, line);
     }
 }
@@ -111,8 +111,6 @@ void RequestLog::write(const RequestEnd& end) {
 void RequestLog::prepare(const RequestEnd& end) {
     if (!isOn() || settings_->log != LogTarget::kStandardError) return;
     prepared_ = lineOf(end);
-    if (prepared_.Length() > kLongestLine) prepared_.SetUsableDataSize(kLongestLine + 1);
-    prepared_ += '\n';
 }
 
 void RequestLog::writePrepared() const {
@@ -138,7 +136,20 @@ const char* RequestLog::variable(const char* name) const {
     return value != nullptr ? value : "";
 }
 
+// What can be told of the request, or, when there is no memory for that, of its end.
 CText RequestLog::lineOf(const RequestEnd& end) const {
+    const MemoryWatch memory;
+    const char* lineFeed = settings_->log == LogTarget::kStandardError ? "\n" : "";
+    CText line = fieldsOf(end);
+    if (line.Length() > kLongestLine) line.SetUsableDataSize(kLongestLine + 1);
+    line += lineFeed;
+    if (memory.ranOut())
+        line.Format("code=%d status=%d error=\"%s\"%s", end.code, end.status.code, std::strerror(ENOMEM),
+                    lineFeed);
+    return line;
+}
+
+CText RequestLog::fieldsOf(const RequestEnd& end) const {
     CText line;
     line.Format("time=%s", timeText().GetTextEx());
     appendValue(line, "client", client_);

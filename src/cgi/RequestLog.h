@@ -53,6 +53,7 @@ class RequestLog {
     bool isOn() const { return settings_ != nullptr && settings_->log != LogTarget::kNone; }
     const char* variable(const char* name) const;
     CText lineOf(const RequestEnd& end) const;
+    CText fieldsOf(const RequestEnd& end) const;
     void appendTime(CText& line, const char* name, Step from, Step to) const;
 
     const CgiVariables& variables_;
