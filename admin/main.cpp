@@ -5,8 +5,10 @@
 
 #include "Command.h"
 #include "Configuration.h"
+#include "Keys.h"
 #include "client/Velarto.h"
 #include "common/Completion.h"
+#include "common/Text.h"
 #include "config/ClientKeys.h"
 
 namespace {
@@ -24,11 +26,15 @@ int runCommand(const Request& request) {
 
 // What a shell may offer for an argument.
 std::vector<std::string> wordsFor(const Request& request, const std::string& command,
-                                  const std::string& argument) {
+                                  const std::string& argument, const std::vector<std::string>& before) {
     std::vector<std::string> words;
     if (argument == "KEY") {
         for (const ClientKey* key : kClientKeys)
             words.emplace_back(key->name);
+    } else if (argument == "VALUE") {
+        const ClientKey* key = findKey(before.back());
+        if (key != nullptr && key->kind == KeyKind::kTruth) return {"no", "yes"};
+        if (key != nullptr && key->kind == KeyKind::kWord) words = split(key->words, '|');
     } else if (argument == "CLIENT" && command != "add") {
         try {
             words = clientsIn(Snapshot(locate(request)).outline());
@@ -59,8 +65,9 @@ int main(int argc, char** argv) {
         "that cannot be used.");
     for (const auto add : {addPath, addCheck, addList, addShow, addServers, addTry, addEdit, addExport})
         add(app, request);
-    const auto words = [&request](const CLI::App& command, const std::string& argument) {
-        return wordsFor(request, command.get_name(), argument);
+    const auto words = [&request](const CLI::App& command, const std::string& argument,
+                                  const std::vector<std::string>& before) {
+        return wordsFor(request, command.get_name(), argument, before);
     };
     if (const auto status = complete(app, argc, argv, words)) return *status;
     try {

@@ -31,7 +31,7 @@ class Progress {
             command_ = command;
             return;
         }
-        ++arguments_;
+        arguments_.push_back(word);
     }
 
     // What the next word may be when it begins so; nothing for a file's name.
@@ -48,8 +48,8 @@ class Progress {
             words.push_back(command->get_name());
         const auto arguments =
             command_->get_options([](const CLI::Option* option) { return option->get_positional(); });
-        if (arguments_ < arguments.size() && wordsFor)
-            words = wordsFor(*command_, arguments[arguments_]->get_name());
+        if (arguments_.size() < arguments.size() && wordsFor)
+            words = wordsFor(*command_, arguments[arguments_.size()]->get_name(), arguments_);
         return words;
     }
 
@@ -90,7 +90,7 @@ class Progress {
 
     CLI::App* command_;
     CLI::Option* awaiting_ = nullptr;  // its value comes next
-    std::size_t arguments_ = 0;        // of the command, so far
+    Words arguments_;                  // of the command, so far
 };
 
 }  // namespace

@@ -7,9 +7,10 @@
 #include <string>
 #include <vector>
 
-// The words that an argument of a command may be, by the name that the help has for it; none for any text.
-using ArgumentWords =
-    std::function<std::vector<std::string>(const CLI::App& command, const std::string& argument)>;
+// The words that an argument of a command may be, by the name that the help has for it and the arguments before it; none for
+// any text.
+using ArgumentWords = std::function<std::vector<std::string>(
+    const CLI::App& command, const std::string& argument, const std::vector<std::string>& before)>;
 
 // Answers "PROGRAM --complete WORD...", with which the scripts for the shells ask (completion.*.in): prints what the
 // last word may become, each in a line. Options before it take their values as in any run.

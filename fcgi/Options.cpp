@@ -64,7 +64,8 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
         ->capture_default_str();
     app.add_flag("--check", options.checks, "only tell whether the command line and clients.ini can be used");
 
-    const auto wordsFor = [](const CLI::App&, const std::string& argument) -> std::vector<std::string> {
+    const auto wordsFor = [](const CLI::App&, const std::string& argument,
+                             const std::vector<std::string>&) -> std::vector<std::string> {
         if (argument == "failures|all") return {"failures", "all"};
         return {};
     };

@@ -188,6 +188,9 @@ TEST_F(Config, CompletionInBashOffersWhatFits) {
         {program, "show --file=other ", "my\\ shop\n"},  // not what would change the terminal
         {program, "show --file other my\\ s", "my\\ shop\n"},
         {program, "set shop ", keys},
+        {program, "set shop CLIENTLOG sy", "syslog\nsyslog\\,all\n"},
+        {program, "set shop httpstatus ", "no\nyes\n"},
+        {program, "set shop VELARTO_SERVER ", ""},
         {program, "unset shop answert", "ANSWERTIMEOUT\n"},
         {program, "try --header A:b a", "admin\n"},
         {program, "add ", ""},
