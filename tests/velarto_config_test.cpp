@@ -333,6 +333,13 @@ TEST_F(Config, ServersTellsWhoAnswers) {
               "s001 " + path + " answers after TIME\ns002 " + path +
                   "0 fails after TIME: No such file or directory\n- localhost " +
                   std::to_string(server.port()) + " answers after TIME\n2 of 3 servers answer\n");
+
+    configure("s001," + entry(dead.port()) + ":s002," + entry(server.port()),
+              "SERVERRETRY=60\nSTATEPATH=" + folder_ / "state\n");
+    run({"HTTP_COOKIE=Velarto_UserReference=s001" + std::string(24, '-')});
+    EXPECT_TRUE(contains(config({"servers", "shop"}).out, "left out for "));
+    EXPECT_TRUE(contains(config({"try", "shop", "/", "--verbose"}).err,
+                         "'s001," + entry(dead.port()) + "' is left out for "));
 }
 
 // What it does with requests is seen in scale/.
