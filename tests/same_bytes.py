@@ -4,6 +4,7 @@
 # with 1 at the first difference.
 #
 # usage: same_bytes.py GATEWAY GATEWAY
+# A gateway may be EMULATOR:PATH, run by an emulator such as qemu-user's.
 import os
 import pathlib
 import socket
@@ -15,6 +16,7 @@ DOCUMENT = bytes(range(256)) * 200  # 51200 bytes, which fit in a pipe
 CLIENTS_INI = pathlib.Path("configuration/clients.ini")
 # Whoever writes it drops the comment and sorts the section.
 INI = "; one\n[Velarto Client Definitions]\nshop=\n\n[shop]\nVELARTO_SERVER=127.0.0.1,{}\nCLIENTIOTIMEOUT=9\n"
+EMULATORS = {name: value for name, value in os.environ.items() if name.startswith("QEMU_")}
 
 
 def message(kind, text):
@@ -33,8 +35,11 @@ RUNS = {
 
 def play(gateway, listener, program, variables, replies):
     CLIENTS_INI.write_text(INI.format(listener.getsockname()[1]))
-    command = ["bash", "-c", 'exec -a "$0" "$1" <document', program, gateway]
-    run = Popen(command, env={"VELARTO_PATH": ".", "REQUEST_METHOD": "GET", **variables}, stdout=PIPE)
+    emulator, _, path = gateway.rpartition(":")
+    start = 'exec "$2" -0 "$0" "$1" <document' if emulator else 'exec -a "$0" "$1" <document'
+    command = ["bash", "-c", start, program, path, emulator]
+    environment = {"VELARTO_PATH": ".", "REQUEST_METHOD": "GET", **variables, **EMULATORS}
+    run = Popen(command, env=environment, stdout=PIPE)
     sent = b""
     connection = listener.accept()[0] if replies else None
     for turn, reply in enumerate(replies, 1):
@@ -47,7 +52,8 @@ def play(gateway, listener, program, variables, replies):
     return sent, page if replies else b"", CLIENTS_INI.read_bytes()
 
 
-gateways = [os.path.realpath(argument) for argument in sys.argv[1:]]
+split = [argument.rpartition(":") for argument in sys.argv[1:]]
+gateways = [emulator + colon + os.path.realpath(path) for emulator, colon, path in split]
 socket.setdefaulttimeout(20)
 with socket.create_server(("127.0.0.1", 0)) as listener, tempfile.TemporaryDirectory() as folder:
     os.chdir(folder)

@@ -446,22 +446,26 @@ int Socket::transfer(std::uint32_t size, short events, Attempt attempt) {
 // MSG_DONTWAIT: an adopted socket may have been set to blocking again; the time-out holds all the same.
 int Socket::Receive(char* buffer, std::uint32_t size, std::uint32_t flags) {
     const int mode = static_cast<int>(flags) | MSG_DONTWAIT;
-    return transfer(size, POLLIN, [=] { return recv(descriptor_, buffer, size, mode); });
+    return transfer(size, POLLIN,
+                    [this, buffer, size, mode] { return recv(descriptor_, buffer, size, mode); });
 }
 
 int Socket::Send(const char* buffer, std::uint32_t size, std::uint32_t flags) {
     const int mode = static_cast<int>(flags) | MSG_DONTWAIT | MSG_NOSIGNAL;
-    return transfer(size, POLLOUT, [=] { return send(descriptor_, buffer, size, mode); });
+    return transfer(size, POLLOUT,
+                    [this, buffer, size, mode] { return send(descriptor_, buffer, size, mode); });
 }
 
 int Socket::ReceiveNum(char* buffer, int size) {
-    return repeatUntil(
-        size, [=](int done) { return Receive(buffer + done, static_cast<std::uint32_t>(size - done), 0); });
+    return repeatUntil(size, [this, buffer, size](int done) {
+        return Receive(buffer + done, static_cast<std::uint32_t>(size - done), 0);
+    });
 }
 
 int Socket::SendNum(const char* buffer, int size) {
-    return repeatUntil(
-        size, [=](int done) { return Send(buffer + done, static_cast<std::uint32_t>(size - done), 0); });
+    return repeatUntil(size, [this, buffer, size](int done) {
+        return Send(buffer + done, static_cast<std::uint32_t>(size - done), 0);
+    });
 }
 
 // Receives blocks into the text while wantsMore(last byte, count of bytes) says so.
