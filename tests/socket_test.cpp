@@ -57,6 +57,16 @@ namespace {
 
 constexpr std::uint32_t kBrief = 30;  // milliseconds, for waits that have to run out
 
+// Makes a TCP listener with a queue of this length; its port.
+std::uint16_t listenAt(Socket& listener, int queue) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    EXPECT_TRUE(listener.CreateSocket(AF_INET, "127.0.0.1", nullptr));
+    EXPECT_EQ(listen(listener.GetDescriptor(), queue), 0);
+    getsockname(listener.GetDescriptor(), reinterpret_cast<sockaddr*>(&address), &length);
+    return ntohs(address.sin_port);
+}
+
 // Two sockets that are connected.
 struct Connection {
     Connection() {
@@ -90,16 +100,12 @@ TEST(Socket, ClosesWhatItMadeOrAdoptedAndACopyNothing) {
 TEST(Socket, ConnectWaitsAtMostItsTime) {
     Socket full, waiting[3];  // more than the queue of the listener takes
     SocCGIQuilClient client;
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    ASSERT_TRUE(full.CreateSocket(AF_INET, "127.0.0.1", nullptr));
-    ASSERT_EQ(listen(full.GetDescriptor(), 1), 0);
-    getsockname(full.GetDescriptor(), reinterpret_cast<sockaddr*>(&address), &length);
-    EXPECT_TRUE(client.connectToServer("127.0.0.1", std::to_string(ntohs(address.sin_port)).c_str()));
+    const std::uint16_t port = listenAt(full, 1);
+    EXPECT_TRUE(client.connectToServer("127.0.0.1", std::to_string(port).c_str()));
     EXPECT_EQ(lastWait, 1000) << "what a gateway gives each server";
     for (Socket& socket : waiting) {
         ASSERT_TRUE(socket.CreateSocket(AF_INET, nullptr, nullptr));
-        socket.Connect("127.0.0.1", ntohs(address.sin_port), kBrief);
+        socket.Connect("127.0.0.1", port, kBrief);
     }
     EXPECT_EQ(waiting[2].GetLastError(), ETIMEDOUT);
     EXPECT_TRUE(Socket::IsSameConnection(AF_INET, &waiting[0], &full));
@@ -182,13 +188,9 @@ TEST(AddressTurns, EachAddressHasItsShareOfTheTime) {
 
 TEST(SocCGIQuilClient, TriesAllAddressesOfANameWhereTheSectionSaysSo) {
     Socket listener;
-    sockaddr_in own{};
-    socklen_t length = sizeof own;
-    ASSERT_TRUE(listener.CreateSocket(AF_INET, "127.0.0.1", nullptr));
-    ASSERT_EQ(listen(listener.GetDescriptor(), 1), 0);
-    getsockname(listener.GetDescriptor(), reinterpret_cast<sockaddr*>(&own), &length);
+    const std::uint16_t port = listenAt(listener, 1);
     addressesOfNames = {"::1", "127.0.0.2", "127.0.0.1"};  // nobody listens on the first two
-    const std::string server = "no-such-name.invalid," + std::to_string(ntohs(own.sin_port));
+    const std::string server = "no-such-name.invalid," + std::to_string(port);
     for (const bool all : {false, true}) {
         Stanza section("shop");
         section.addValue("VELARTO_SERVER", server.c_str());

@@ -165,7 +165,8 @@ def run(options, scenario, command, document=DOCUMENT):
         folder = pathlib.Path(name)
         ini = folder / "configuration/clients.ini"
         ini.parent.mkdir()
-        contents = {ini: scenario.ini(options.port), "document": document, "body": BODY, "page": PAGE, "trace": b""}
+        contents = {"document": document, "body": BODY, "page": PAGE, "trace": b""}
+        contents[ini] = scenario.ini(options.port)
         for path, content in contents.items():
             (folder / path).write_bytes(content)
         ini.chmod(0o640)
@@ -219,17 +220,20 @@ ERROR_PAGE = re.compile(
 )
 
 
-OWN_PAGE = re.compile(rb"Status: (\d+ [\w ]+)\r\n(?:Retry-After: 10\r\n)?Content-type: text/html\r\n\r\n<p>\1: (\d+)</p>")
+OWN_PAGE = re.compile(
+    rb"Status: (\d+ [\w ]+)\r\n(?:Retry-After: 10\r\n)?Content-type: text/html\r\n\r\n<p>\1: (\d+)</p>"
+)
 LOG = re.compile(rb'((?:time=[\d:TZ.-]+ client="shop" request="\w{16}" [^\n]* )?code=(\d+) [^\n]*\n)?')
 
 
-# Where the section has all keys: with the answer, its beginning or a page, and with a line in the log of any failure.
-# Where clients.ini cannot be had nobody knows of the keys.
+# Where the section has all keys: with the answer, its beginning or a page, and with a line in the log of any
+# failure. Where clients.ini cannot be had nobody knows of the keys.
 def is_honest_end(usual, call, kind, done):
     out, log = done.stdout, LOG.fullmatch(done.stderr)
     if done.returncode == 0:
         return out in usual.answers or (call, kind) in LOSES_OUTPUT
-    page = OWN_PAGE.fullmatch(out) or ERROR_PAGE.fullmatch(out.partition(b"\r\n")[2] if out[:7] == b"Status:" else out)
+    behind_status = out.partition(b"\r\n")[2] if out.startswith(b"Status:") else out
+    page = OWN_PAGE.fullmatch(out) or ERROR_PAGE.fullmatch(behind_status)
     code = int(page[2]) if page else None
     is_log_right = call == "write" or log and (not log[2] or code in (None, int(log[2])))
     is_told = page or log and log[2] and any(answer.startswith(out) for answer in usual.answers)
