@@ -98,18 +98,25 @@ def damaged(old, new):
     return [*segments([REQUEST], 1460), (SERVER, bytes_of(HEADER).replace(old, new)), *end]
 
 
-# IPv4 and TCP around the segments of each connection, which begins before the capture does.
+def ipv4(length):
+    return struct.pack(">BBHIHH8x", 0x45, 0, 20 + length, 0, 0x4006, 0)
+
+
+def ipv6(length):
+    return struct.pack(">IHBB32x", 6 << 28, length, 6, 64)
+
+
+# IP and TCP around the segments of each connection, which begins before the capture does.
 def capture(connections):
     packets = [struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 1 << 18, 101)]
-    for connection, (port, segments) in enumerate(connections):
+    for connection, (ip, port, segments) in enumerate(connections):
         ports = {GATEWAY: 40000 + connection, SERVER: port}
         position = {GATEWAY: 1000, SERVER: 5000}
         for sender, data in [*segments, (SERVER, b""), (GATEWAY, b"")]:  # nothing: it closes
             other = SERVER if sender == GATEWAY else GATEWAY
-            ip = struct.pack(">BBHIHH8x", 0x45, 0, 40 + len(data), 0, 0x4006, 0)
             places = ports[sender], ports[other], position[sender], position[other]
             tcp = struct.pack(">HHIIHHI", *places, 0x5010 if data else 0x5011, 65535, 0)
-            packet = ip + tcp + data
+            packet = ip(len(tcp + data)) + tcp + data
             packets.append(struct.pack("=IIII", connection, 0, len(packet), len(packet)) + packet)
             position[sender] += max(len(data), 1)
     return b"".join(packets)
@@ -146,9 +153,14 @@ def shown_connections(pdml):
 
 def main():
     by_sides = sorted(CONVERSATION, key=sender_of)
-    whole = [(CONVERSATION, PORT, 32000), (by_sides, OTHER_PORT, 1460), (by_sides, PORT, 1)]
-    connections = [(port, segments(messages, size)) for messages, port, size in whole]
-    connections += [(PORT, damaged(old, new)) for old, new, _ in DAMAGES]
+    whole = [
+        (CONVERSATION, ipv4, PORT, 32000),
+        (CONVERSATION, ipv6, OTHER_PORT, 32000),
+        (by_sides, ipv4, OTHER_PORT, 1460),
+        (by_sides, ipv6, PORT, 1),
+    ]
+    connections = [(ip, port, segments(messages, size)) for messages, ip, port, size in whole]
+    connections += [(ipv4, PORT, damaged(old, new)) for old, new, _ in DAMAGES]
     packets = capture(connections)
     infos = tshark(packets, "-Y", "velarto && tcp.stream == 0", "-T", "fields", "-e", "_ws.col.Info")
     assert infos.replace("; ", "\n").splitlines() == INFOS, infos
