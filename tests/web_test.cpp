@@ -48,6 +48,7 @@ std::string bodyOf(const std::string& answer) {
 struct WebServer {
     std::string name;       // support/NAME.conf is the frame of its configuration
     Texts command;          // followed by the path of the configuration
+    Texts listener;         // followed by its socket; empty where the web server starts the gateway itself
     std::string harmless;   // stands in those lines of the error log that are no complaint
     Texts examples;         // the part of the configuration that concerns the client
     bool isHost;            // velarto-fcgi, not the gateway, stands behind it
@@ -57,15 +58,18 @@ struct WebServer {
 const Texts kApache = {"/usr/sbin/apache2", "-DFOREGROUND", "-f"};
 const Texts kLighttpd = {"/usr/sbin/lighttpd", "-D", "-f"};
 const Texts kNginx = {"/usr/sbin/nginx", "-e", "stderr", "-c"};
+#ifdef VELARTO_FCGI_PATH
+const Texts kHost = {VELARTO_FCGI_PATH, "shop", "--listen"};
+#endif
 
 const WebServer kServers[] = {
-    {"apache", kApache, ":notice]", {"apache.conf", "apache-extension.conf"}, false, ""},
-    {"lighttpd", kLighttpd, "server st", {"lighttpd.conf"}, false, ""},
-    {"nginx", kNginx, "[notice]", {"nginx.conf"}, false, ""},
+    {"apache", kApache, {}, ":notice]", {"apache.conf", "apache-extension.conf"}, false, ""},
+    {"lighttpd", kLighttpd, {}, "server st", {"lighttpd.conf"}, false, ""},
+    {"nginx", kNginx, {"/usr/sbin/fcgiwrap", "-f", "-s"}, "[notice]", {"nginx.conf"}, false, ""},
 #ifdef VELARTO_FCGI_PATH
-    {"apache", kApache, ":notice]", {"apache-fcgi.conf"}, true, "proxy"},
-    {"lighttpd", kLighttpd, "server st", {"lighttpd-fcgi.conf"}, true, "cgi"},
-    {"nginx", kNginx, "[notice]", {"nginx-fcgi.conf"}, true, "unsupported FastCGI protocol version"},
+    {"apache", kApache, kHost, ":notice]", {"apache-fcgi.conf"}, true, "proxy"},
+    {"lighttpd", kLighttpd, kHost, "server st", {"lighttpd-fcgi.conf"}, true, "cgi"},
+    {"nginx", kNginx, kHost, "[notice]", {"nginx-fcgi.conf"}, true, "unsupported FastCGI protocol version"},
 #endif
 };
 
@@ -87,11 +91,7 @@ class Web : public GatewayTest, public testing::WithParamInterface<WebServer> {
             port_ += 1000;
         writeFile(folder_ / "web.conf", configuration());
 
-        if (GetParam().isHost) {
-            start({VELARTO_FCGI_PATH, "shop", "--listen"}, "unix:" + fcgi_);
-        } else if (GetParam().name == "nginx") {  // it starts no programs itself
-            start({"/usr/sbin/fcgiwrap", "-f", "-s"}, "unix:" + fcgi_);
-        }
+        if (!GetParam().listener.empty()) start(GetParam().listener, "unix:" + fcgi_);
         EXPECT_TRUE(processes_.empty() || comesTrue([this] { return fs::is_socket(fcgi_); }));
         start(GetParam().command, folder_ / "web.conf");
         EXPECT_TRUE(comesTrue([&] { return support::run(curl("/cgi-bin/shop"), 70s).exitStatus == 0; }))
